@@ -1,0 +1,83 @@
+#include "counters.h"
+
+namespace card {
+
+namespace {
+
+struct CounterRow {
+    const char *name;
+    uint64_t Counters::*value;
+    const char *meaning;
+};
+
+constexpr CounterRow kRows[] = {
+    {"frames", &Counters::frames, "frames received on all interfaces"},
+    {"requests", &Counters::requests, "good requests to this card, dropped ones included"},
+    {"reads", &Counters::reads, "  of these: reads"},
+    {"writes", &Counters::writes, "  of these: writes of both kinds"},
+    {"plain_writes", &Counters::plain_writes, "  of the writes: those that want no answer"},
+    {"acknowledged_writes", &Counters::acknowledged_writes, "  of the writes: those that want one"},
+    {"bytes_read", &Counters::bytes_read, "bytes read from the memory for replies"},
+    {"bytes_written", &Counters::bytes_written, "bytes written to the memory"},
+    {"resends", &Counters::resends, "requests that repeat a recent one byte for byte"},
+    {"unanswered_requests", &Counters::unanswered_requests,
+     "reads and acknowledged writes, repeats not counted, that got no intact reply so far"},
+    {"bad_frames", &Counters::bad_frames, "requests not answered because they are wrong"},
+    {"bad_length", &Counters::bad_length, "  of these: length above 1400, or not the frame's"},
+    {"bad_checksum", &Counters::bad_checksum, "  of these: wrong checksum"},
+    {"bad_code", &Counters::bad_code, "  of these: unknown message code"},
+    {"bad_type", &Counters::bad_type, "  of these: type field not 07 00"},
+    {"ignored_frames", &Counters::ignored_frames, "frames that are no request to this card"},
+    {"ignored_other_protocol", &Counters::ignored_other_protocol, "  of these: other addresses"},
+    {"ignored_markers", &Counters::ignored_markers, "  of these: other markers"},
+    {"ignored_other_card", &Counters::ignored_other_card, "  of these: another model or slot"},
+    {"replies", &Counters::replies, "replies sent, corrupt ones and duplicates included"},
+    {"read_replies", &Counters::read_replies, "  of these: to reads"},
+    {"acknowledgements", &Counters::acknowledgements, "  of these: to acknowledged writes"},
+    {"overtaken_replies", &Counters::overtaken_replies, "  of these: overtaken by a later one"},
+    {"noise_frames", &Counters::noise_frames, "unrelated frames sent"},
+    {"send_errors", &Counters::send_errors, "frames that could not be sent"},
+    {"receive_errors", &Counters::receive_errors, "failed receives (interface down)"},
+    {"kernel_drops", &Counters::kernel_drops, "frames the kernel dropped before the card saw them"},
+};
+
+std::string item(const char *name, uint64_t value) {
+    return std::string("\"") + name + "\":" + std::to_string(value);
+}
+
+} // namespace
+
+void count_faults(Counters &counters, FaultSet set) {
+    for (size_t i = 0; i < kFaultKinds; i++) {
+        counters.faults[i] += set.has(static_cast<Fault>(i)) ? 1U : 0U;
+    }
+}
+
+std::string counters_json(const Counters &counters) {
+    std::string out = "{";
+    for (const CounterRow &row : kRows) {
+        out += item(row.name, counters.*row.value) + ",";
+    }
+    out += "\"faults\":{";
+    for (size_t i = 0; i < kFaultKinds; i++) {
+        out += (i == 0 ? "" : ",") + item(kFaultNames[i], counters.faults[i]);
+    }
+    return out + "}}";
+}
+
+std::string counters_help() {
+    constexpr size_t kColumn = 26;
+    std::string out;
+    for (const CounterRow &row : kRows) {
+        std::string line = std::string("  ") + row.name;
+        line.resize(kColumn, ' ');
+        out += line + row.meaning + "\n";
+    }
+    out += "  faults                  an object: how often each fault was committed\n   ";
+    for (const char *name : kFaultNames) {
+        out += std::string(" ") + name;
+    }
+    return out + "\n";
+}
+
+} // namespace card

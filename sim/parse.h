@@ -1,0 +1,48 @@
+// parse.h - numbers, percentages, times and address ranges as they are typed.
+//
+// What names something on the card (address, model, slot, code, status, type) is hexadecimal with
+// or without 0x. What counts something (length, number of times, seed) is decimal, or hexadecimal
+// with 0x. Each function wants its whole text used, and gives nothing otherwise.
+#ifndef CARD_PARSE_H
+#define CARD_PARSE_H
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace card {
+
+/** Parts per million of 100 %. */
+constexpr uint32_t kAlways = 1000000;
+
+/** An inclusive range of addresses, and how many times a rule on it applies (0: always). */
+struct AddressRange {
+    uint32_t first = 0;
+    uint32_t last = 0;
+    uint64_t times = 0;
+};
+
+std::optional<uint32_t> parse_hex(std::string_view text, uint32_t max);
+std::optional<uint64_t> parse_count(std::string_view text, uint64_t max);
+
+/** "2", "0.5" or "2%": 0 to 100 with up to four decimals; the result is in parts per million. */
+std::optional<uint32_t> parse_percent(std::string_view text);
+
+/** "500", "500us", "20ms" or "1s", at most an hour; the result is in microseconds. */
+std::optional<uint64_t> parse_duration(std::string_view text);
+
+/** "ADDR", "ADDR-ADDR" or "any", each perhaps with "xN" behind it (N times). */
+std::optional<AddressRange> parse_address_range(std::string_view text);
+
+/** Cut at the last `mark`; nothing when there is none. */
+std::optional<std::pair<std::string_view, std::string_view>> split_last(std::string_view text,
+                                                                        char mark);
+
+/** Cut at the first `mark`; nothing when there is none. */
+std::optional<std::pair<std::string_view, std::string_view>> split_first(std::string_view text,
+                                                                         char mark);
+
+} // namespace card
+
+#endif

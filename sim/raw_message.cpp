@@ -1,0 +1,263 @@
+#include "raw_message.h"
+
+#include <algorithm>
+
+#include "noise.h"
+#include "raw_message_text.h"
+
+namespace card {
+
+namespace {
+
+struct BadRow {
+    wire::Decoded decoded;
+    Disposition disposition;
+    uint64_t Counters::*total;
+    uint64_t Counters::*reason;
+};
+
+constexpr BadRow kBadRows[] = {
+    {wire::Decoded::kOtherProtocol, Disposition::kOtherProtocol, &Counters::ignored_frames,
+     &Counters::ignored_other_protocol},
+    {wire::Decoded::kOtherMarkers, Disposition::kOtherMarkers, &Counters::ignored_frames,
+     &Counters::ignored_markers},
+    {wire::Decoded::kBadType, Disposition::kBadType, &Counters::bad_frames, &Counters::bad_type},
+    {wire::Decoded::kBadLength, Disposition::kBadLength, &Counters::bad_frames,
+     &Counters::bad_length},
+    {wire::Decoded::kBadCode, Disposition::kBadCode, &Counters::bad_frames, &Counters::bad_code},
+    {wire::Decoded::kBadChecksum, Disposition::kBadChecksum, &Counters::bad_frames,
+     &Counters::bad_checksum},
+};
+
+// The work on one request: what everybody needs, in one place.
+struct Job {
+    Card &card;
+    const Arrival &arrival;
+    const wire::Request &request;
+    Outcome &out;
+};
+
+bool is_mine(const Identity &identity, const wire::Request &request) {
+    return identity.model.value_or(request.model) == request.model &&
+           identity.slot.value_or(request.slot) == request.slot;
+}
+
+void reject(Card &card, wire::Decoded decoded, Outcome &out) {
+    for (const BadRow &row : kBadRows) {
+        if (row.decoded == decoded) {
+            out.disposition = row.disposition;
+            card.counters.*row.total += 1;
+            card.counters.*row.reason += 1;
+        }
+    }
+}
+
+void count_request(Counters &counters, uint8_t code) {
+    counters.requests++;
+    counters.reads += code == wire::kCodeRead ? 1U : 0U;
+    counters.writes += code != wire::kCodeRead ? 1U : 0U;
+    counters.plain_writes += code == wire::kCodeWrite ? 1U : 0U;
+    counters.acknowledged_writes += code == wire::kCodeWriteAck ? 1U : 0U;
+}
+
+// Plain writes are not looked up: they are never sent again, and all carry the same number.
+RecentRequest *note_request(const Job &job) {
+    if (job.request.code == wire::kCodeWrite) {
+        return nullptr;
+    }
+    const uint64_t print =
+        fingerprint(job.arrival.frame.subspan(wire::kSumStart), job.arrival.link);
+    const RecentLookup found = recent_note(job.card.recent, print, job.arrival.now_us);
+    Counters &counters = job.card.counters;
+    if (found.resend) {
+        counters.resends++;
+    } else {
+        counters.unanswered_requests++;
+    }
+    job.out.resend = found.resend;
+    return found.entry;
+}
+
+void add_noise(const Job &job) {
+    if (!fault_happens(job.card.faults, Fault::kNoise)) {
+        return;
+    }
+    Reply *noise = outcome_add(job.out);
+    if (noise != nullptr) {
+        make_noise(job.card.faults, *noise);
+        noise->faults.add(Fault::kNoise);
+        count_faults(job.card.counters, noise->faults);
+    }
+}
+
+void write_memory(const Job &job) {
+    memory_write(job.card.memory, job.request.addr, job.request.data);
+    job.card.counters.bytes_written += job.request.data.size();
+}
+
+void commit(const Job &job, Fault fault, Disposition disposition) {
+    FaultSet one;
+    one.add(fault);
+    count_faults(job.card.counters, one);
+    job.out.faults.add(fault);
+    job.out.disposition = disposition;
+}
+
+// How many payload bytes the honest answer carries.
+uint16_t honest_length(const wire::Request &request, const AddressRule *refusal) {
+    const bool has_data =
+        request.code == wire::kCodeRead && (refusal == nullptr || refusal->with_data);
+    return has_data ? request.len : uint16_t{0};
+}
+
+wire::ReplyHead honest_head(const wire::Request &request, const AddressRule *refusal) {
+    wire::ReplyHead head;
+    head.status = refusal == nullptr ? wire::kStatusCarriedOut : refusal->status;
+    head.model = request.model;
+    head.slot = request.slot;
+    head.code = request.code; // an acknowledgement carries the code of the write
+    head.addr = request.addr;
+    head.seq = request.seq;
+    head.len = honest_length(request, refusal);
+    return head;
+}
+
+// Let the length field lie; returns how many bytes the payload carries then.
+size_t tell_length(const LengthLie *lie, wire::ReplyHead &head) {
+    constexpr uint32_t kFieldMax = 0xFFFF;
+    const size_t honest = head.len;
+    if (lie == nullptr) {
+        return honest;
+    }
+    const uint32_t told = lie->relative ? head.len + lie->amount : lie->amount;
+    head.len = static_cast<uint16_t>(std::min(told, kFieldMax));
+    // More than a frame's payload cannot be carried: then only the field lies.
+    return lie->field_only || head.len > wire::kMaxPayload ? honest : head.len;
+}
+
+void apply_fixed_faults(const FaultConfig &config, wire::ReplyHead &head, FaultSet &set) {
+    const bool is_read = head.code == wire::kCodeRead;
+    if (is_read && config.read_code) {
+        head.code = *config.read_code;
+        set.add(Fault::kReadCode);
+    }
+    if (!is_read && config.ack_code) {
+        head.code = *config.ack_code;
+        set.add(Fault::kAckCode);
+    }
+    if (config.reply_type) {
+        head.type = *config.reply_type;
+        set.add(Fault::kType);
+    }
+}
+
+void build_frame(const Job &job, const AddressRule *refusal, Reply &reply) {
+    const wire::Request &request = job.request;
+    wire::ReplyHead head = honest_head(request, refusal);
+    const AddressRule *lie = apply_rule(job.card.faults, Fault::kLieLength, request.addr);
+    const size_t carried = tell_length(lie == nullptr ? nullptr : &lie->lie, head);
+    if (lie != nullptr) {
+        reply.faults.add(Fault::kLieLength);
+    }
+    apply_fixed_faults(job.card.faults.config, head, reply.faults);
+    const MutableBytes frame(reply.bytes);
+    memory_read(job.card.memory, request.addr, frame.subspan(wire::reply::kPayload, carried));
+    job.card.counters.bytes_read += carried;
+    reply.size = wire::encode_reply(head, carried, frame);
+}
+
+// The faults of the link. A lost reply suffers nothing else.
+void apply_link_faults(const ReplyFaults &faults, Reply &reply) {
+    if (faults.set.has(Fault::kDrop)) {
+        reply.copies = 0;
+        reply.faults.add(Fault::kDrop);
+        return;
+    }
+    for (const Fault fault : {Fault::kCorrupt, Fault::kDuplicate, Fault::kDelay}) {
+        if (faults.set.has(fault)) {
+            reply.faults.add(fault);
+        }
+    }
+    if (faults.set.has(Fault::kCorrupt)) {
+        wire::spoil_checksum(MutableBytes(reply.bytes).first(reply.size), faults.checksum_change);
+    }
+    reply.copies = faults.set.has(Fault::kDuplicate) ? 2 : 1;
+    reply.delay_us = faults.delay_us;
+    reply.behind_next = faults.set.has(Fault::kReorder); // the outbox sees whether it comes to it
+}
+
+void mark_answered(const Job &job, const Reply &reply, bool carried_out, RecentRequest &entry) {
+    if (reply.copies == 0 || reply.faults.has(Fault::kCorrupt)) {
+        return;
+    }
+    if (!entry.answered) {
+        entry.answered = true;
+        job.card.counters.unanswered_requests--;
+    }
+    if (carried_out && !entry.settled) {
+        entry.settled = true;
+        entry.settled_us = job.arrival.now_us + reply.delay_us;
+    }
+}
+
+void answer(const Job &job, RecentRequest *entry) {
+    const AddressRule *refusal = apply_rule(job.card.faults, Fault::kError, job.request.addr);
+    if (refusal != nullptr) {
+        commit(job, Fault::kError, Disposition::kRefused);
+    } else {
+        job.out.disposition = Disposition::kAnswered;
+        write_memory(job);
+    }
+    Reply *reply = outcome_add(job.out);
+    if (reply == nullptr) {
+        return;
+    }
+    reply->protocol = &kRawMessageProtocol;
+    reply->kind =
+        job.request.code == wire::kCodeRead ? ReplyKind::kReadData : ReplyKind::kAcknowledgement;
+    build_frame(job, refusal, *reply);
+    apply_link_faults(draw_reply_faults(job.card.faults), *reply);
+    count_faults(job.card.counters, reply->faults);
+    if (entry != nullptr) {
+        mark_answered(job, *reply, refusal == nullptr, *entry);
+    }
+}
+
+void carry_out(const Job &job) {
+    RecentRequest *entry = note_request(job);
+    add_noise(job);
+    if (fault_happens(job.card.faults, Fault::kDropRequest)) {
+        commit(job, Fault::kDropRequest, Disposition::kLostRequest);
+    } else if (job.request.code == wire::kCodeWrite) {
+        write_memory(job);
+        job.out.disposition = Disposition::kWritten;
+    } else if (apply_rule(job.card.faults, Fault::kSilence, job.request.addr) != nullptr) {
+        write_memory(job); // carried out, but nobody hears of it
+        commit(job, Fault::kSilence, Disposition::kSilent);
+    } else {
+        answer(job, entry);
+    }
+}
+
+void handle(Card &card, const Arrival &arrival, Outcome &out) {
+    wire::Request request;
+    const wire::Decoded decoded = wire::decode_request(arrival.frame, request);
+    if (decoded != wire::Decoded::kRequest) {
+        reject(card, decoded, out);
+        return;
+    }
+    if (!is_mine(card.identity, request)) {
+        out.disposition = Disposition::kOtherCard;
+        card.counters.ignored_frames++;
+        card.counters.ignored_other_card++;
+        return;
+    }
+    count_request(card.counters, request.code);
+    carry_out({card, arrival, request, out});
+}
+
+} // namespace
+
+const Protocol kRawMessageProtocol = {"raw", wire::is_from_board, handle, describe_raw_message};
+
+} // namespace card

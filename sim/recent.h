@@ -1,0 +1,44 @@
+// recent.h - remembers recent requests, to recognise a request that is sent again.
+//
+// A fixed table of fingerprints; nothing here allocates after the start. A repeat counts as a
+// resend when the first one is at most a second old and was not answered in full, or was answered
+// only just now: the board may have lost the answer, or may have sent before it came. A tool that
+// is started again numbers from 0 again, so that a repeat of a request that was answered some time
+// ago is a new request.
+#ifndef CARD_RECENT_H
+#define CARD_RECENT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace card {
+
+constexpr uint64_t kResendWindowUs = 1000 * 1000;
+constexpr uint64_t kSettledWindowUs = 50 * 1000; // a resend comes 60 ms or more after its request
+
+struct RecentRequest {
+    uint64_t fingerprint = 0;
+    uint64_t seen_us = 0;
+    uint64_t settled_us = 0; // when an answer "carried out" was or will be sent
+    bool used = false;
+    bool answered = false; // an intact reply, whatever its status, was or will be sent
+    bool settled = false;
+};
+
+struct RecentRequests {
+    RecentRequests();
+    std::vector<RecentRequest> entries;
+};
+
+struct RecentLookup {
+    RecentRequest *entry; // never null; valid until the next lookup
+    bool resend;
+};
+
+/** Find the request or make it known. */
+RecentLookup recent_note(RecentRequests &recent, uint64_t fingerprint, uint64_t now_us);
+
+} // namespace card
+
+#endif

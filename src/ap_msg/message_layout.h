@@ -1,0 +1,38 @@
+// message_layout.h - the record that every service request and reply uses, written once.
+//
+// A 24-byte message head, a 14-byte request head, then data. All fields are little-endian; those of
+// the request head stand at odd places, so everything is loaded and stored byte by byte.
+#ifndef AP_MSG_MESSAGE_LAYOUT_H
+#define AP_MSG_MESSAGE_LAYOUT_H
+
+#include "eth_raw/frame_layout.h"
+
+namespace message {
+constexpr Field kAptid{0, 4}; // sender: slot << 24 | 0x0A << 16 | module << 8
+constexpr Field kReserved{4, 4};
+constexpr Field kDataLen{8, 4};
+constexpr Field kResult{12, 4}; // 0 done, 0xFFFFFFFF failed
+constexpr Field kKind{16, 2};
+constexpr Field kClass{18, 2};
+constexpr Field kId{20, 4};
+constexpr Field kHead[] = {kAptid, kReserved, kDataLen, kResult, kKind, kClass, kId};
+constexpr size_t kHeadSize = 24;
+static_assert(tiles(kHead, kHeadSize), "gap or overlap in the message head");
+
+constexpr Field kSource{24, 1};
+constexpr Field kTarget{25, 1};
+constexpr Field kCode{26, 1};
+constexpr Field kSlot{27, 1};
+constexpr Field kModel{28, 2};
+constexpr Field kSeq{30, 2};
+constexpr Field kAddr{32, 4};
+constexpr Field kLen{36, 2};
+constexpr size_t kDataOffset = 38;
+
+constexpr uint32_t kHeaderSize = 40; // both heads and two data bytes: the shortest message sent
+constexpr uint32_t kServiceClass = 28;
+constexpr uint32_t kOwnModule = 0xA3B00; // module 0x3B, without the slot
+constexpr uint32_t kSlotShift = 24;
+} // namespace message
+
+#endif

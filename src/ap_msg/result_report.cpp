@@ -1,0 +1,69 @@
+// The reports that a host may send about a request's outcome. Published beside the send operations;
+// they stand here, above them, because they build service messages.
+#include "raw_msg/raw_msg.h"
+
+#include "ap_msg/ap_msg.h"
+#include "ap_msg/message_layout.h"
+#include "board/board.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <span>
+
+namespace {
+
+constexpr uint32_t kReportMessageId = 14;
+constexpr uint32_t kReadCode = 0x00;
+constexpr uint32_t kWriteAckCode = 0x02;
+
+uint32_t own_address() {
+    return (static_cast<uint32_t>(apcard_bit_self()) << message::kSlotShift) | message::kOwnModule;
+}
+
+void print_header(std::span<const uint8_t> header) {
+    for (const uint8_t byte : header) {
+        printf("%02x ", byte);
+    }
+    printf("\n end ");
+}
+
+} // namespace
+
+void WriteAckResultReport(RawMsgQueueNode *record, int result) {
+    uint8_t report[message::kHeaderSize] = {};
+    store_le(report, message::kAptid, own_address());
+    store_le(report, message::kDataLen, message::kHeaderSize);
+    store_le(report, message::kResult, static_cast<uint32_t>(result));
+    store_le(report, message::kClass, message::kServiceClass);
+    store_le(report, message::kId, kReportMessageId);
+    store_le(report, message::kTarget,
+             static_cast<uint32_t>(GetIdByIndex(static_cast<int>(record->index))));
+    store_le(report, message::kCode, kWriteAckCode);
+    store_le(report, message::kAddr, record->addr);
+
+    printf("WriteAckResultReport result:%d\n", result);
+    print_header(report);
+    printf("\n");
+    (void)ApipcDataSendAck(static_cast<int>(record->requester), report); // nobody to tell
+}
+
+void ReadResultReport(RawMsgQueueNode *record, int result) {
+    uint8_t *report = ApMsgBuffHeadGet(record->read_buf);
+    const uint32_t len = std::min(record->recv_len, kMaxPayload); // what a read buffer can hold
+    store_le(report, message::kResult, static_cast<uint32_t>(result));
+    store_le(report, message::kDataLen, len + message::kHeaderSize);
+    store_le(report, message::kAptid, own_address());
+    store_le(report, message::kAddr, record->addr);
+    store_le(report, message::kCode, kReadCode);
+    store_le(report, message::kTarget,
+             static_cast<uint32_t>(GetIdByIndex(static_cast<int>(record->index))));
+    store_le(report, message::kLen, len);
+
+    print_header({report, message::kHeaderSize});
+    const int requester = static_cast<int>(record->requester);
+    if (result == 0) {
+        (void)ApipcDataSend(requester, report, len); // nobody to tell
+    } else {
+        (void)ApipcDataSendAck(requester, report);
+    }
+}

@@ -1,0 +1,110 @@
+#include "eth_raw/eth_raw.h"
+
+#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/frame_layout.h"
+#include "log/write.h"
+#include "mem/locks.h"
+#include "timer/sleep.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <sys/socket.h>
+
+uint8_t gRecvBuffer[1450];
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kSendAgainPause = 1000us;
+
+ssize_t send_frame(const eth_init &link, const uint8_t *frame, uint32_t frame_len) {
+    return sendto(link.sock_fd, frame, frame_len, 0, reinterpret_cast<const sockaddr *>(&link.addr),
+                  sizeof link.addr);
+}
+
+// errno alone decides whether the frame goes out once more, not the result of the first send.
+ssize_t send_locked(eth_init &link, const uint8_t *frame, uint32_t frame_len) {
+    const CancelOff whole_frame; // sendto and the pause must not leave a locked lock behind
+    const MutexGuard guard(link.send_lock);
+    print_msg(frame, static_cast<int>(frame_len));
+    ssize_t sent = send_frame(link, frame, frame_len);
+    if (errno == EAGAIN) {
+        LOG("need send again\n");
+        sleep_full(kSendAgainPause);
+        sent = send_frame(link, frame, frame_len);
+    }
+    return sent;
+}
+
+int transmit(int index, const uint8_t *frame, uint32_t frame_len) {
+    eth_init *link = link_record(index);
+    ssize_t sent = -1;
+    if (link == nullptr || !link_is_open(*link)) {
+        errno = link == nullptr ? ENODEV : EBADF;
+    } else {
+        sent = send_locked(*link, frame, frame_len);
+    }
+    if (sent == static_cast<ssize_t>(frame_len)) {
+        return static_cast<int>(frame_len);
+    }
+    perror("sendto fail:");
+    return -1;
+}
+
+} // namespace
+
+int RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                   uint16_t seq, uint8_t *buf, uint32_t len) {
+    if (index >= MAX_ETH || buf == nullptr || len == 0 || len > kMaxPayload) {
+        return -1;
+    }
+    const uint32_t frame_len =
+        RawMsgHeaderPack(model, slot, code, addr, seq, &buf, static_cast<uint16_t>(len));
+    return transmit(index, buf, frame_len);
+}
+
+int RawSockMsgSendAgain(int index, uint8_t *buf, uint32_t frame_len) {
+    if (index >= MAX_ETH || buf == nullptr || frame_len > request_frame_len(kMaxPayload)) {
+        return -1;
+    }
+    return transmit(index, RawMsgBuffHeadGet(buf), frame_len);
+}
+
+Received raw_sock_recv(int index, RawMsgHeader &header, uint8_t *&payload) {
+    const eth_init *link = link_record(index);
+    if (link == nullptr || !link_is_open(*link)) {
+        return Received::kNothing;
+    }
+    const ssize_t size =
+        recvfrom(link->sock_fd, gRecvBuffer, sizeof gRecvBuffer, 0, nullptr, nullptr);
+    print_msg(gRecvBuffer, static_cast<int>(size));
+    if (size < 0) {
+        return Received::kNothing;
+    }
+    payload =
+        RawMsgHeaderUnpack(gRecvBuffer, static_cast<uint32_t>(size), &header.ack, &header.model,
+                           &header.slot, &header.code, &header.addr, &header.seq, &header.len);
+    return payload != nullptr ? Received::kReply : Received::kRefused;
+}
+
+uint8_t *RawSockMsgRecv(int index, uint8_t *ack, uint16_t *model, uint8_t *slot, uint32_t *addr,
+                        uint8_t *code, uint16_t *seq, uint16_t *len) {
+    RawMsgHeader header{.model = *model,
+                        .slot = *slot,
+                        .code = *code,
+                        .addr = *addr,
+                        .seq = *seq,
+                        .len = *len,
+                        .ack = *ack};
+    uint8_t *payload = nullptr;
+    const Received received = raw_sock_recv(index, header, payload);
+    *ack = header.ack;
+    *model = header.model;
+    *slot = header.slot;
+    *addr = header.addr;
+    *code = header.code;
+    *seq = header.seq;
+    *len = header.len;
+    return received == Received::kReply ? payload : nullptr;
+}

@@ -1,0 +1,166 @@
+// The command-line tool: bring one link up, run one command, take the link down.
+#include "board/board.h"
+#include "eth_raw/eth_raw.h"
+#include "eth_raw/eth_raw_priv.h"
+#include "log/log.h"
+#include "log/write.h"
+#include "main/command.h"
+#include "main/usage.h"
+#include "mem/mem.h"
+#include "queue/queue.h"
+#include "raw_msg/raw_msg_priv.h"
+#include "timer/sleep.h"
+#include "timer/timer.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kThreadStart = 100000us; // until both threads of the link are running
+constexpr auto kThreadEnd = 100ms;      // at most; they end as soon as they are cancelled
+constexpr int kFailed = -1;             // the shell sees 255
+constexpr char kDumpingName[] = "ruk_test";
+
+// Room for a burst of frames. Their outcome does not matter: without the right the limits stay.
+constexpr const char *kStartCommands[] = {
+    "sysctl -w net.core.wmem_max=3492800",
+    "sysctl -w net.core.wmem_default=3492800",
+};
+
+struct Command {
+    const char *word;
+    Outcome (*run)(const CommandLine &line);
+};
+constexpr Command kCommands[] = {
+    {"read", run_read},     {"readw", run_readw},     {"write", run_write},
+    {"writea", run_writea}, {"writeaw", run_writeaw},
+};
+
+struct Threads {
+    pthread_t receive = {};
+    pthread_t check = {};
+};
+
+void end_quietly(int /*signo*/) {
+    exit(0);
+}
+
+void install_signal_handlers() {
+    for (const int signo : {SIGTERM, SIGINT, SIGQUIT}) {
+        (void)signal(signo, end_quietly); // cannot fail for these signals
+    }
+    (void)signal(SIGHUP, SIG_IGN);
+}
+
+void start_up(const char *program) {
+    install_signal_handlers();
+    queue_init();
+    (void)mem_init();
+    if (initTimer() != 0) {
+        perror("ruk: interval timer");
+    }
+    log_debug = 1;
+    if (strcmp(program, kDumpingName) == 0) {
+        print_flag = 1;
+    }
+    (void)sem_init(&sem_test, 0, 0); // cannot fail with this value
+    for (const char *command : kStartCommands) {
+        (void)my_system(command);
+    }
+    LOG("use mem manage\n");
+}
+
+// The library reports a link that is down like one that is up; a person should see the difference.
+void complain_about_link(int index, int reason, const Threads &threads) {
+    const eth_init *link = link_record(index);
+    if (link == nullptr) {
+        (void)fprintf(stderr, "ruk: interface index %d: only 0 to %d exist, nothing is sent\n",
+                      index, MAX_ETH - 1);
+    } else if (!link_is_open(*link)) {
+        (void)fprintf(stderr, "ruk: %s: not up (%s), nothing is sent\n", g_netdev_name[index],
+                      strerror(reason));
+    } else if (threads.receive == pthread_t{}) {
+        (void)fprintf(stderr,
+                      "ruk: %s: no real-time rights for the receive thread, "
+                      "no answer is seen\n",
+                      g_netdev_name[index]);
+    }
+}
+
+void cancel(pthread_t thread, int &cancelled) {
+    if (thread == pthread_t{}) {
+        return; // it was never created
+    }
+    (void)pthread_cancel(thread); // both threads run until they are cancelled
+    cancelled += 1;
+}
+
+void detach(pthread_t thread) {
+    if (thread != pthread_t{}) {
+        (void)pthread_detach(thread);
+    }
+}
+
+// The threads are not joined: one that hangs in the kernel must not keep the tool from ending.
+void shut_down(int index, const Threads &threads) {
+    int cancelled = 0;
+    cancel(threads.receive, cancelled);
+    cancel(threads.check, cancelled);
+    await_thread_ends(cancelled, kThreadEnd);
+    detach(threads.receive);
+    detach(threads.check);
+    (void)RawMsgModuleUnInit(index);
+    (void)mem_uinit();
+}
+
+CommandLine parse(std::span<char *> argv, int index) {
+    return {.argv = argv,
+            .index = index,
+            .model = static_cast<uint16_t>(parse_hex(argv[kArgModel])),
+            .slot = static_cast<uint8_t>(parse_hex(argv[kArgSlot])),
+            .addr = parse_hex(argv[kArgAddr])};
+}
+
+// An unknown word runs nothing; the link goes up and down all the same.
+Outcome dispatch(const CommandLine &line) {
+    for (const Command &command : kCommands) {
+        if (strcmp(line.argv[kArgCommand], command.word) == 0) {
+            return command.run(line);
+        }
+    }
+    return Outcome::kDone;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const std::span<char *> words(argv, static_cast<size_t>(argc));
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0); // a log that is watched through a pipe is up to date
+    start_up(words.empty() ? "" : words[0]);
+    if (words.size() <= kArgAddr) {
+        usage();
+        return kFailed;
+    }
+    const int index = parse_index(words[kArgIndex]); // a word that is no number is interface 0
+    LOG("index = %d\n", index);
+
+    Threads threads;
+    errno = 0; // the sends decide by it, and the commands above may have left anything
+    if (RawMsgModuleInit(index, &threads.receive, &threads.check) != 0) {
+        return kFailed;
+    }
+    complain_about_link(index, errno, threads);
+    sleep_full(kThreadStart);
+    if (dispatch(parse(words, index)) == Outcome::kAbandoned) {
+        (void)RawSockMsgUnInit(static_cast<uint32_t>(index)); // gives -1 by definition
+        return kFailed;
+    }
+    shut_down(index, threads);
+    return 0;
+}

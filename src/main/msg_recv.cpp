@@ -1,0 +1,29 @@
+#include "main/main.h"
+
+#include "eth_raw/eth_raw_priv.h"
+#include "timer/sleep.h"
+
+void (*read_buffer)(const uint8_t *data, uint32_t addr, uint32_t length) = nullptr;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kDeadLinkPause = 10000us; // a link that is down must not be asked without a pause
+
+} // namespace
+
+int msg_recv(void) {
+    for (;;) {
+        RawMsgHeader header{};
+        uint8_t *payload = nullptr;
+        const Received received = raw_sock_recv(0, header, payload);
+        if (received == Received::kReply && read_buffer != nullptr) {
+            read_buffer(payload, header.addr, header.len);
+            return 0;
+        }
+        if (received == Received::kNothing) {
+            sleep_full(kDeadLinkPause);
+        }
+    }
+}

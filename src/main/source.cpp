@@ -1,0 +1,115 @@
+#include "main/source.h"
+
+#include "eth_raw/eth_raw.h"
+#include "log/write.h"
+#include "main/usage.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+struct CloseFile {
+    void operator()(FILE *file) const {
+        (void)fclose(file); // only read from: nothing can be lost
+    }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+uint8_t *take_buffer(Source &source, uint32_t len) {
+    if (len <= kCommandBuffer) {
+        source.frame_buffer.reset(RawMsgBuffGet(len));
+    } else {
+        source.heap.reset(static_cast<uint8_t *>(std::malloc(len)));
+    }
+    uint8_t *buf = source.frame_buffer != nullptr ? source.frame_buffer.get() : source.heap.get();
+    if (buf == nullptr) {
+        LOG("RawMsgBuffGet fail\n");
+    }
+    return buf;
+}
+
+// Opening a pipe would wait for its writer, perhaps for ever, and a directory has no bytes.
+bool can_be_sent(const char *name) {
+    struct stat status {};
+    if (stat(name, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISDIR(status.st_mode))) {
+        LOG("main: open '%s': a pipe or a directory, not a file\n", name);
+        return false;
+    }
+    return true;
+}
+
+// Bytes in the file, or -1.
+off_t size_of(FILE *file) {
+    if (fseeko(file, 0, SEEK_END) != 0) {
+        return -1;
+    }
+    const off_t size = ftello(file);
+    return fseeko(file, 0, SEEK_SET) == 0 ? size : -1;
+}
+
+bool is_there(const char *name) {
+    const bool found = access(name, F_OK) == 0;
+    LOG("%s file %s\n", found ? "found" : "not found", name);
+    if (!found) {
+        usage();
+    }
+    return found;
+}
+
+} // namespace
+
+void FreeFrameBuffer::operator()(uint8_t *buf) const {
+    RawMsgBuffFree(buf);
+}
+
+bool source_from_values(const CommandLine &line, Source &source) {
+    uint8_t *buf = take_buffer(source, kCommandBuffer);
+    if (buf == nullptr) {
+        return false;
+    }
+    const auto values = line.argv.subspan(kArgOwn);
+    LOG("write fpga %d , register : 0x%08x , length : %d value :", line.index, line.addr,
+        static_cast<int>(values.size()));
+    source.len = static_cast<uint32_t>(std::min<size_t>(values.size(), kCommandBuffer));
+    for (uint32_t i = 0; i < source.len; i++) {
+        buf[i] = static_cast<uint8_t>(parse_hex(values[i]));
+        printf("%02x ", buf[i]);
+    }
+    printf("\n");
+    if (values.size() > source.len) {
+        LOG("main: write values: more than one frame's %d bytes, the others ignored\n",
+            static_cast<int>(source.len));
+    }
+    return true;
+}
+
+bool source_from_file(const CommandLine &line, Source &source) {
+    const char *name = line.argv[kArgOwn];
+    if (!is_there(name) || !can_be_sent(name)) {
+        return false;
+    }
+    const File file(fopen(name, "re")); // "e": the shells that the tool starts do not get it
+    if (file == nullptr) {
+        return false;
+    }
+    const off_t size = size_of(file.get());
+    if (size < 0 || size > std::numeric_limits<int32_t>::max()) {
+        LOG("RawMsgBuffGet fail\n"); // more than the address space of a card, or of the board
+        return false;
+    }
+    source.len = static_cast<uint32_t>(size);
+    uint8_t *buf = take_buffer(source, source.len);
+    if (buf == nullptr) {
+        return false;
+    }
+    LOG("file size %d\n", static_cast<int>(source.len));
+    if (fread(buf, 1, source.len, file.get()) != source.len) {
+        LOG("main: read '%s': shorter than its size\n", name);
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,38 @@
+// source.h - the bytes that a write command sends: from the command line or from a file.
+#ifndef MAIN_SOURCE_H
+#define MAIN_SOURCE_H
+
+#include "main/command.h"
+
+#include <cstdlib>
+#include <memory>
+
+struct FreeMemory {
+    void operator()(uint8_t *memory) const {
+        std::free(memory);
+    }
+};
+
+/** Gives a frame buffer back to the pool. */
+struct FreeFrameBuffer {
+    void operator()(uint8_t *buf) const;
+};
+
+/** Bytes and their owner: a frame buffer, or the heap for what no frame buffer holds. */
+struct Source {
+    std::unique_ptr<uint8_t, FreeFrameBuffer> frame_buffer;
+    std::unique_ptr<uint8_t, FreeMemory> heap;
+    uint32_t len = 0;
+
+    const uint8_t *data() const {
+        return frame_buffer != nullptr ? frame_buffer.get() : heap.get();
+    }
+};
+
+/** The value bytes from argv[6] on, shown as they are taken. False: no buffer (logged). */
+bool source_from_values(const CommandLine &line, Source &source);
+
+/** The whole file argv[6]. False: not found (usage printed), unreadable, no buffer (logged). */
+bool source_from_file(const CommandLine &line, Source &source);
+
+#endif

@@ -1,0 +1,47 @@
+// locks.h - mutexes, semaphores and cancellation, each held by a scope.
+#ifndef MEM_LOCKS_H
+#define MEM_LOCKS_H
+
+#include <cerrno>
+#include <pthread.h>
+#include <semaphore.h>
+
+/** Holds a mutex for a scope; a cancelled thread gives it back while it unwinds. */
+class MutexGuard {
+public:
+    explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(mutex) {
+        (void)pthread_mutex_lock(&mutex_); // cannot fail on a default mutex
+    }
+    ~MutexGuard() {
+        (void)pthread_mutex_unlock(&mutex_);
+    }
+    MutexGuard(const MutexGuard &) = delete;
+    MutexGuard &operator=(const MutexGuard &) = delete;
+
+private:
+    pthread_mutex_t &mutex_;
+};
+
+/** Keeps pthread_cancel waiting for a scope: work under a lock is finished once it is begun. */
+class CancelOff {
+public:
+    CancelOff() {
+        (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_);
+    }
+    ~CancelOff() {
+        (void)pthread_setcancelstate(before_, nullptr);
+    }
+    CancelOff(const CancelOff &) = delete;
+    CancelOff &operator=(const CancelOff &) = delete;
+
+private:
+    int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+/** Wait for a post, however many signals (one tick every 30 ms) interrupt the wait. */
+inline void wait_full(sem_t &semaphore) {
+    while (sem_wait(&semaphore) == -1 && errno == EINTR) {
+    }
+}
+
+#endif

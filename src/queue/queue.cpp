@@ -1,0 +1,376 @@
+#include "queue/queue.h"
+
+#include "log/write.h"
+#include "mem/locks.h"
+#include "mem/mem.h"
+#include "queue/queue_priv.h"
+#include "timer/timer_priv.h"
+
+#include <atomic>
+
+namespace {
+
+struct RecordList {
+    RawMsgQueueNode *head;
+    RawMsgQueueNode *tail; // meaningless while head is null
+};
+
+RecordList Qlist[kQueueInterfaces][kQueueKinds];         // each guarded by its mtx
+int32_t Qcount[kQueueInterfaces][kQueueKinds];           // each guarded by its mtx
+pthread_mutex_t mtx[kQueueInterfaces][kQueueKinds];      // only mutex_mem is taken under one
+pthread_mutex_t mutex_find = PTHREAD_MUTEX_INITIALIZER;  // reply callbacks; mtx is taken under it
+pthread_mutex_t mutex_check = PTHREAD_MUTEX_INITIALIZER; // time-out callbacks; likewise
+
+std::atomic_ref<RawMsgQueueNode *> head_of(RecordList &list) {
+    return std::atomic_ref<RawMsgQueueNode *>(list.head); // queue_get reads it without the lock
+}
+
+bool is_linked_locked(const RecordList &list, const RawMsgQueueNode *record) {
+    return record->home == &list;
+}
+
+bool is_any_queue(const void *home) {
+    for (const auto &interface : Qlist) {
+        for (const RecordList &list : interface) {
+            if (home == &list) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+void link_locked(RecordList &list, RawMsgQueueNode *record) {
+    record->next = nullptr;
+    record->home = &list;
+    if (list.head == nullptr) {
+        record->prev = nullptr;
+        head_of(list).store(record, std::memory_order_relaxed);
+    } else {
+        record->prev = list.tail;
+        list.tail->next = record;
+    }
+    list.tail = record;
+}
+
+void unlink_locked(RecordList &list, RawMsgQueueNode *record) {
+    if (record->prev == nullptr) {
+        head_of(list).store(record->next, std::memory_order_relaxed);
+    } else {
+        record->prev->next = record->next;
+    }
+    if (record->next == nullptr) {
+        list.tail = record->prev;
+    } else {
+        record->next->prev = record->prev;
+    }
+    record->home = nullptr;
+}
+
+// The marks are cleared because the pool hands blocks out again as they are.
+void release(RawMsgQueueNode *record) {
+    mem_free(record->owned_block);
+    (void)sem_destroy(&record->sem); // nobody sleeps on it: the waiting sender was a holder
+    record->owned_block = nullptr;
+    record->home = nullptr;
+    record->completions = 0;
+    record->has_sender = 0;
+    record->is_retired = 0;
+    record->is_done = 0;
+    record->is_due = 0;
+    record->is_waited_for = 0;
+    mem_free(record);
+}
+
+void release_if_unused_locked(RawMsgQueueNode *record) {
+    if (record->is_retired != 0 && record->has_sender == 0 && record->completions == 0) {
+        release(record);
+    }
+}
+
+void retire_locked(RawMsgQueueNode *record) {
+    record->is_retired = 1;
+    release_if_unused_locked(record);
+}
+
+// Ends the hold of hold_match or hold_due when the callback has done its work.
+class Held {
+public:
+    Held(int i, int j, RawMsgQueueNode *record) : i_(i), j_(j), record_(record) {
+    }
+    ~Held() {
+        const MutexGuard guard(mtx[i_][j_]);
+        record_->completions -= 1;
+        release_if_unused_locked(record_);
+    }
+    Held(const Held &) = delete;
+    Held &operator=(const Held &) = delete;
+
+private:
+    int i_;
+    int j_;
+    RawMsgQueueNode *record_;
+};
+
+// The reply is stored under the lock that also lets a full queue be emptied: a request that has its
+// answer is not dropped.
+RawMsgQueueNode *hold_match(int i, int j, uint32_t addr, uint16_t seq, uint32_t ack,
+                            uint32_t recv_len) {
+    const MutexGuard guard(mtx[i][j]);
+    for (RawMsgQueueNode *record = Qlist[i][j].head; record != nullptr; record = record->next) {
+        if (record->addr == addr && record->seq == seq && record->is_done == 0) {
+            record->completions += 1;
+            record->ack = ack;
+            record->recv_len = recv_len;
+            return record;
+        }
+    }
+    return nullptr;
+}
+
+// Returns the expired records, held and chained through next_due, oldest first.
+RawMsgQueueNode *hold_due(int i, int j) {
+    RawMsgQueueNode *first = nullptr;
+    RawMsgQueueNode **link = &first;
+    const MutexGuard guard(mtx[i][j]);
+    for (RawMsgQueueNode *record = Qlist[i][j].head; record != nullptr; record = record->next) {
+        if (record->is_done != 0 || record->is_due != 0 || timerExpired(&record->timer) == 0) {
+            continue;
+        }
+        record->is_due = 1;
+        record->completions += 1;
+        record->next_due = nullptr;
+        *link = record;
+        link = &record->next_due;
+    }
+    return first;
+}
+
+// A record that was taken out or answered since it fell due has nothing to time out any more.
+bool still_open(int i, int j, RawMsgQueueNode *record) {
+    const MutexGuard guard(mtx[i][j]);
+    record->is_due = 0;
+    return is_linked_locked(Qlist[i][j], record) && record->is_done == 0;
+}
+
+// Nobody stays behind without a word: a waiting sender wakes up, for the others the caller is told.
+void end_dropped_locked(RawMsgQueueNode *record, void (*dropped)()) {
+    if (record->is_waited_for == 0) {
+        if (dropped != nullptr) {
+            dropped();
+        }
+    } else if (record->is_done == 0) {
+        record->is_done = 1;
+        record->ack = kNoReply;
+        record->recv_len = 0;
+        (void)sem_post(&record->sem);
+    }
+}
+
+void count_down_locked(int i, int j, const char *message) {
+    Qcount[i][j] -= 1;
+    if (Qcount[i][j] < 0) {
+        LOG("%s", message);
+    }
+}
+
+} // namespace
+
+void queue_init(void) {
+    for (int i = 0; i < kQueueInterfaces; i++) {
+        for (int j = 0; j < kQueueKinds; j++) {
+            (void)pthread_mutex_init(&mtx[i][j], nullptr); // cannot fail with default attributes
+            const MutexGuard guard(mtx[i][j]);
+            Qlist[i][j] = {};
+            Qcount[i][j] = 0;
+        }
+    }
+}
+
+int queue_add(int i, int j, RawMsgQueueNode *node) {
+    if (!queue_is_valid(i, j) || node == nullptr) {
+        return -1;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    if (!is_linked_locked(Qlist[i][j], node)) {
+        if (is_any_queue(node->home)) {
+            return -1;
+        }
+        link_locked(Qlist[i][j], node);
+        Qcount[i][j] += 1;
+    }
+    if (Qcount[i][j] >= kQueueCapacity) {
+        LOG("queue is full\n");
+        return -1;
+    }
+    return 0;
+}
+
+int queue_del(int i, int j, RawMsgQueueNode **pnode) {
+    if (!queue_is_valid(i, j) || pnode == nullptr) {
+        return -1;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    RawMsgQueueNode *record = *pnode;
+    if (record != nullptr && is_linked_locked(Qlist[i][j], record)) {
+        unlink_locked(Qlist[i][j], record);
+        retire_locked(record);
+    }
+    count_down_locked(i, j, "assert : del queue error -1\n");
+    return Qcount[i][j] < 0 ? -1 : 0;
+}
+
+int queue_find(int i, int j, uint32_t addr, uint32_t ack, uint16_t seq, uint32_t recv_len,
+               queue_callback callback, void *data) {
+    if (!queue_is_valid(i, j)) {
+        return -1;
+    }
+    RawMsgQueueNode *record = hold_match(i, j, addr, seq, ack, recv_len);
+    if (record == nullptr) {
+        return 0;
+    }
+    const Held held(i, j, record);
+    const MutexGuard guard(mutex_find);
+    if (callback != nullptr) {
+        callback(record, data, recv_len);
+    }
+    return 0;
+}
+
+int queue_check(int i, int j, queue_callback callback) {
+    if (!queue_is_valid(i, j)) {
+        return -1;
+    }
+    RawMsgQueueNode *record = hold_due(i, j);
+    const MutexGuard guard(mutex_check);
+    while (record != nullptr) {
+        const Held held(i, j, record);
+        RawMsgQueueNode *next = record->next_due;
+        if (still_open(i, j, record)) {
+            record->count += 1;
+            if (callback != nullptr) {
+                callback(record, nullptr, 0);
+            }
+        }
+        record = next;
+    }
+    return 0;
+}
+
+RawMsgQueueNode *queue_get(int i, int j) {
+    if (!queue_is_valid(i, j)) {
+        return nullptr;
+    }
+    return head_of(Qlist[i][j]).load(std::memory_order_relaxed);
+}
+
+int queue_empty(int i, int j) {
+    if (!queue_is_valid(i, j)) {
+        return -1;
+    }
+    queue_drain(i, j, nullptr, nullptr);
+    return 0;
+}
+
+void *queue_del_buf(int i, int j, uint8_t *buf) {
+    if (!queue_is_valid(i, j)) {
+        return nullptr;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    RawMsgQueueNode *record = Qlist[i][j].head;
+    while (record != nullptr && record->buf != buf) {
+        record = record->next;
+    }
+    if (record != nullptr) {
+        unlink_locked(Qlist[i][j], record);
+        retire_locked(record);
+    }
+    return nullptr;
+}
+
+bool queue_is_valid(int i, int j) {
+    return i >= 0 && i < kQueueInterfaces && j >= 0 && j < kQueueKinds;
+}
+
+void queue_timer_start(int i, int j, RawMsgQueueNode *record, uint16_t ticks) {
+    if (!queue_is_valid(i, j)) {
+        return;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    if (record->is_done == 0 && record->is_retired == 0) {
+        timerStart(ticks, &record->timer);
+    }
+}
+
+void queue_timer_stop(int i, int j, RawMsgQueueNode *record) {
+    if (!queue_is_valid(i, j)) {
+        return;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    timerStop(&record->timer);
+}
+
+void queue_mark_done(int i, int j, RawMsgQueueNode *record) {
+    if (!queue_is_valid(i, j)) {
+        return;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    record->is_done = 1;
+}
+
+void queue_retire(int i, int j, RawMsgQueueNode *record) {
+    if (!queue_is_valid(i, j)) {
+        return;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    if (is_linked_locked(Qlist[i][j], record)) {
+        unlink_locked(Qlist[i][j], record);
+        count_down_locked(i, j, "assert : del queue error -1\n");
+        retire_locked(record);
+    }
+}
+
+void queue_let_go(int i, int j, RawMsgQueueNode *record) {
+    if (!queue_is_valid(i, j)) {
+        return;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    record->has_sender = 0;
+    release_if_unused_locked(record);
+}
+
+void queue_withdraw(int i, int j, RawMsgQueueNode *record) {
+    if (!queue_is_valid(i, j)) {
+        release(record); // it never was in a queue, so nobody else knows it
+        return;
+    }
+    const MutexGuard guard(mtx[i][j]);
+    if (is_linked_locked(Qlist[i][j], record)) {
+        unlink_locked(Qlist[i][j], record);
+        count_down_locked(i, j, "assert : del queue error -1\n");
+    }
+    record->has_sender = 0;
+    retire_locked(record);
+}
+
+void queue_drain(int i, int j, const RawMsgQueueNode *keep, void (*dropped)()) {
+    const MutexGuard guard(mtx[i][j]);
+    RawMsgQueueNode *next = nullptr;
+    for (RawMsgQueueNode *record = Qlist[i][j].head; record != nullptr; record = next) {
+        next = record->next;
+        if (record == keep || record->completions != 0) {
+            continue;
+        }
+        unlink_locked(Qlist[i][j], record);
+        count_down_locked(i, j, "assert : empty queue error \n");
+        end_dropped_locked(record, dropped);
+        retire_locked(record);
+    }
+}
+
+void queue_age(int i, int j, int32_t ticks) {
+    const MutexGuard guard(mtx[i][j]);
+    for (RawMsgQueueNode *record = Qlist[i][j].head; record != nullptr; record = record->next) {
+        timer_age(record->timer, ticks);
+    }
+}

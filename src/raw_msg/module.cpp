@@ -1,0 +1,105 @@
+#include "raw_msg/raw_msg.h"
+
+#include "eth_raw/eth_raw.h"
+#include "log/write.h"
+#include "raw_msg/raw_msg_priv.h"
+#include "timer/sleep.h"
+
+#include <atomic>
+#include <sched.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kReceivePriority = 90;
+constexpr auto kEndPoll = 200us;
+
+pthread_mutex_t find_check_mtx[kInterfaces] = {
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+    PTHREAD_MUTEX_INITIALIZER}; // before any queue's lock
+
+std::atomic<int> g_ended_threads{0};
+
+void *as_argument(int index) {
+    return reinterpret_cast<void *>(static_cast<intptr_t>(index));
+}
+
+int create_thread(const pthread_attr_t *attributes, void *(*body)(void *), int index,
+                  pthread_t *tid) {
+    pthread_t created{};
+    if (pthread_create(&created, attributes, body, as_argument(index)) != 0) {
+        LOG("failed to create thread \n");
+        return -1;
+    }
+    *tid = created;
+    return 0;
+}
+
+} // namespace
+
+int RawMsgModuleInit(int index, pthread_t *receive_thread, pthread_t *check_thread) {
+    if (index < 0 || RawSockMsgInit(static_cast<uint32_t>(index)) < 0) {
+        return 0;
+    }
+    (void)RawMsgRecvTaskCreate(index, receive_thread); // both report their own failure
+    (void)RawMsgRecvCheckTaskCreate(index, check_thread);
+    return 0;
+}
+
+int RawMsgModuleUnInit(int index) {
+    return RawSockMsgUnInit(static_cast<uint32_t>(index));
+}
+
+int RawMsgRecvTaskCreate(int index, pthread_t *tid) {
+    pthread_attr_t attributes;
+    const sched_param priority{.sched_priority = kReceivePriority};
+    (void)pthread_attr_init(&attributes); // none of these can fail with these values
+    (void)pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+    (void)pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
+    (void)pthread_attr_setschedparam(&attributes, &priority);
+    LOG("index=%d\n", index);
+    const int result = create_thread(&attributes, RawMsgRecv, index, tid);
+    (void)pthread_attr_destroy(&attributes);
+    return result;
+}
+
+// Default scheduling on purpose: a check pass must never hold up the real-time receive thread.
+int RawMsgRecvCheckTaskCreate(int index, pthread_t *tid) {
+    return create_thread(nullptr, RawMsgAckReadCheck, index, tid);
+}
+
+pthread_mutex_t &find_check_lock(int index) {
+    return find_check_mtx[index];
+}
+
+// The affinity goes to the process id, that is to the main thread: the sender runs on the
+// processor that serves the interface.
+void pin_to_processor(int index, const char *name) {
+    constexpr int kLastProcessor = 3;
+    int processor = index > kLastProcessor ? kLastProcessor : index;
+    if (index == 0) {
+        processor = 1; // processor 0 serves the rest of the system
+    }
+    cpu_set_t mask;
+    CPU_ZERO(&mask);
+    if (processor >= 0) {
+        CPU_SET(static_cast<size_t>(processor), &mask);
+    }
+    if (sched_setaffinity(getpid(), sizeof mask, &mask) < 0) {
+        LOG("%s : index %d sched_setaffinity failed\n", name, index);
+    }
+}
+
+ThreadEnd::~ThreadEnd() {
+    g_ended_threads.fetch_add(1, std::memory_order_release);
+}
+
+void await_thread_ends(int count, std::chrono::milliseconds at_most) {
+    const auto give_up = std::chrono::steady_clock::now() + at_most;
+    while (g_ended_threads.load(std::memory_order_acquire) < count &&
+           std::chrono::steady_clock::now() < give_up) {
+        sleep_full(kEndPoll);
+    }
+}

@@ -1,0 +1,40 @@
+// raw_msg_priv.h - what the files of the transaction layer share, and its switches for the tool.
+#ifndef RAW_MSG_RAW_MSG_PRIV_H
+#define RAW_MSG_RAW_MSG_PRIV_H
+
+#include "raw_msg/raw_msg.h"
+
+#include <chrono>
+
+constexpr int kInterfaces = 3;
+constexpr uint16_t kResendTicks = 3; // 90 ms between the transmissions of a non-waiting request
+
+/**
+ * Shows the data of a non-waiting read when its reply completes it. Null (the start value) shows
+ * nothing; the "read" command sets it to its hex dump.
+ */
+using ReadDump = void (*)(const uint8_t *data, uint32_t addr, uint32_t len);
+void set_read_dump(ReadDump dump);
+
+/** Lock that keeps matching and time-outs of an interface apart. index must be 0..2. */
+pthread_mutex_t &find_check_lock(int index);
+
+/**
+ * Pin the process to the interface's processor, as both threads do when they start.
+ * The name goes into the message of a failure.
+ */
+void pin_to_processor(int index, const char *name);
+
+/** Wait until so many cancelled threads of this layer have ended; gives up after the time. */
+void await_thread_ends(int count, std::chrono::milliseconds at_most);
+
+/** Announces the end of the thread on whose stack it stands, also when the thread is cancelled. */
+class ThreadEnd {
+public:
+    ThreadEnd() = default;
+    ~ThreadEnd();
+    ThreadEnd(const ThreadEnd &) = delete;
+    ThreadEnd &operator=(const ThreadEnd &) = delete;
+};
+
+#endif

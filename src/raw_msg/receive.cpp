@@ -1,0 +1,82 @@
+#include "raw_msg/raw_msg.h"
+
+#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/frame_layout.h"
+#include "log/write.h"
+#include "mem/locks.h"
+#include "queue/queue_priv.h"
+#include "raw_msg/raw_msg_priv.h"
+#include "timer/sleep.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A link that is down fails every receive at once; a real-time thread that asked again without a
+// pause would take the processor away from everyone else.
+constexpr auto kDeadLinkPause = 10000us;
+
+void dispatch_reply(int index, const RawMsgHeader &header, uint8_t *payload) {
+    const MutexGuard guard(find_check_lock(index));
+    switch (header.code) {
+    case RAW_MSG_CODE_WRITE_ACK:
+    case RAW_MSG_CODE_ACK:
+        AckRawMsg(index, header.addr, header.ack, header.seq, header.len, payload);
+        AckWaitRawMsg(index, header.addr, header.ack, header.seq, header.len, payload);
+        break;
+    case RAW_MSG_CODE_READ:
+        ReadRawMsg(index, header.addr, header.ack, header.seq, header.len, payload);
+        ReadWaitRawMsg(index, header.addr, header.ack, header.seq, header.len, payload);
+        break;
+    default: // no request of ours has such an answer
+        break;
+    }
+}
+
+} // namespace
+
+void AckRawMsg(int index, uint32_t addr, uint8_t ack, uint16_t seq, uint32_t recv_len,
+               uint8_t *data) {
+    (void)queue_find(index, ACK_QUEUE, addr, ack, seq, recv_len, AckCompleteMsg, data);
+}
+
+void AckWaitRawMsg(int index, uint32_t addr, uint8_t ack, uint16_t seq, uint32_t recv_len,
+                   uint8_t *data) {
+    (void)queue_find(index, ACK_WAIT_QUEUE, addr, ack, seq, recv_len, AckWaitCompleteMsg, data);
+}
+
+void ReadRawMsg(int index, uint32_t addr, uint8_t ack, uint16_t seq, uint32_t recv_len,
+                uint8_t *data) {
+    (void)queue_find(index, READ_QUEUE, addr, ack, seq, recv_len, ReadCompleteMsg, data);
+}
+
+void ReadWaitRawMsg(int index, uint32_t addr, uint8_t ack, uint16_t seq, uint32_t recv_len,
+                    uint8_t *data) {
+    (void)queue_find(index, READ_WAIT_QUEUE, addr, ack, seq, recv_len, ReadWaitCompleteMsg, data);
+}
+
+void *RawMsgRecv(void *index_value) {
+    const int index = static_cast<int>(reinterpret_cast<intptr_t>(index_value));
+    const ThreadEnd announce_end;
+    pin_to_processor(index, "RawMsgRecv");
+    LOG("thread id : %d index = %d\n", static_cast<int>(syscall(SYS_gettid)), index);
+    for (;;) {
+        RawMsgHeader header{};
+        uint8_t *payload = nullptr;
+        switch (raw_sock_recv(index, header, payload)) {
+        case Received::kReply: {
+            const CancelOff whole_reply;
+            dispatch_reply(index, header, payload);
+            break;
+        }
+        case Received::kRefused:
+            break;
+        case Received::kNothing:
+            sleep_full(kDeadLinkPause);
+            break;
+        }
+    }
+}
