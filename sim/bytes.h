@@ -21,10 +21,20 @@ using Bytes = std::span<const uint8_t>;
 using MutableBytes = std::span<uint8_t>;
 
 /** The field's value; the caller has checked that the buffer holds it. */
-uint32_t load_le(Bytes buffer, Field field);
+constexpr uint32_t load_le(Bytes buffer, Field field) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < field.width; i++) {
+        value |= static_cast<uint32_t>(buffer[field.offset + i]) << (8 * i);
+    }
+    return value;
+}
 
 /** Write the low bytes of `value` into the field; the caller has checked the buffer's size. */
-void store_le(MutableBytes buffer, Field field, uint32_t value);
+constexpr void store_le(MutableBytes buffer, Field field, uint32_t value) {
+    for (size_t i = 0; i < field.width; i++) {
+        buffer[field.offset + i] = static_cast<uint8_t>(value >> (8 * i));
+    }
+}
 
 /** Sum of all bytes, modulo 65536. */
 uint16_t byte_sum(Bytes bytes);

@@ -23,8 +23,8 @@ namespace card {
 
 /** Which card this is; without a value it answers for every model or every slot. */
 struct Identity {
-    std::optional<uint16_t> model;
-    std::optional<uint8_t> slot;
+    std::optional<uint16_t> model{};
+    std::optional<uint8_t> slot{};
 };
 
 struct Card {

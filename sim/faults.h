@@ -78,11 +78,11 @@ struct FaultConfig {
     std::array<uint32_t, kRandomFaults> rates_ppm{};
     uint64_t delay_min_us = 0;
     uint64_t delay_max_us = 0;
-    std::vector<NthOrder> nth;
-    std::vector<AddressRule> rules;
-    std::optional<uint8_t> ack_code;
-    std::optional<uint8_t> read_code;
-    std::optional<uint16_t> reply_type;
+    std::vector<NthOrder> nth{};
+    std::vector<AddressRule> rules{};
+    std::optional<uint8_t> ack_code{};
+    std::optional<uint8_t> read_code{};
+    std::optional<uint16_t> reply_type{};
 };
 
 struct FaultEngine {

@@ -90,7 +90,7 @@ bool link_is_up(const Link &link) {
 Received link_receive(const Link &link, MutableBytes buffer, size_t &size) {
     sockaddr_ll from = {};
     socklen_t from_len = sizeof from;
-    const ssize_t got = recvfrom(link.socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
+    const ssize_t got = recvfrom(link.socket.get(), buffer.data(), buffer.size(), 0,
                                  std::bit_cast<sockaddr *>(&from), &from_len);
     if (got < 0) {
         const bool nothing = errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
@@ -101,6 +101,11 @@ Received link_receive(const Link &link, MutableBytes buffer, size_t &size) {
     }
     size = static_cast<size_t>(got);
     return Received::kFrame;
+}
+
+void link_stop_waiting(const Link &link) {
+    const timeval shortest = {.tv_sec = 0, .tv_usec = 1}; // 0 would mean for ever
+    (void)set_option(link.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &shortest, sizeof shortest);
 }
 
 bool link_send(const Link &link, Bytes frame) {

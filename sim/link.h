@@ -18,7 +18,7 @@ struct Link {
 
 enum class Received : uint8_t {
     kFrame,
-    kNothing,  // no frame is waiting
+    kNothing,  // woken without a frame
     kOutgoing, // a frame that leaves through this interface, perhaps our own
     kError,    // the interface is down or gone; errno says which
 };
@@ -33,8 +33,11 @@ std::string link_open(const std::string &name, Link &out);
 /** True when the interface is up. */
 bool link_is_up(const Link &link);
 
-/** Take one frame without waiting; `size` is set for kFrame only. */
+/** Wait for one frame; `size` is set for kFrame only. A signal ends the wait with kNothing. */
 Received link_receive(const Link &link, MutableBytes buffer, size_t &size);
+
+/** Make all waits for a frame end at once from now on. */
+void link_stop_waiting(const Link &link);
 
 /** Send one frame; false with errno set when it did not go out in full. */
 bool link_send(const Link &link, Bytes frame);

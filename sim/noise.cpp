@@ -28,9 +28,10 @@ void put_markers(MutableBytes frame, uint8_t first, uint8_t second) {
 
 size_t draw_size(FaultEngine &engine, NoiseKind kind) {
     if (kind == NoiseKind::kCutShort) {
-        return kEthernetHead + draw_detail(engine, wire::reply::kPayload - kEthernetHead);
+        const auto cut = draw_detail(engine, wire::reply::kPayload - kEthernetHead);
+        return kEthernetHead + static_cast<size_t>(cut);
     }
-    return wire::kMinFrame + draw_detail(engine, kLongest - wire::kMinFrame);
+    return wire::kMinFrame + static_cast<size_t>(draw_detail(engine, kLongest - wire::kMinFrame));
 }
 
 } // namespace

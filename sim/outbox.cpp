@@ -57,7 +57,7 @@ void outbox_put(Outbox &outbox, size_t link, Reply &reply, uint64_t now_us) {
 }
 
 void outbox_send_due(Outbox &outbox, uint64_t now_us) {
-    while (!outbox.waiting.empty() && outbox.waiting.begin()->first.due_us <= now_us) {
+    while (!outbox.waiting.empty() && outbox.waiting.begin()->first.first <= now_us) {
         const auto leaving = outbox.waiting.extract(outbox.waiting.begin());
         const size_t link = leaving.mapped().link;
         const auto held = outbox.held.find(link);
@@ -72,7 +72,7 @@ std::optional<uint64_t> outbox_next_due(const Outbox &outbox) {
     if (outbox.waiting.empty()) {
         return std::nullopt;
     }
-    return outbox.waiting.begin()->first.due_us;
+    return outbox.waiting.begin()->first.first;
 }
 
 } // namespace card

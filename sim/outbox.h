@@ -4,7 +4,6 @@
 #ifndef CARD_OUTBOX_H
 #define CARD_OUTBOX_H
 
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -18,17 +17,13 @@ namespace card {
 
 // A reply that waits to be overtaken goes alone after this time: nobody may come, and the board
 // sends its request again after 60 ms at the earliest.
-constexpr uint64_t kHoldUs = 20 * 1000;
+constexpr uint64_t kHoldUs = 20'000;
 
 /** Sends one frame; called once per copy, and once with copies 0 for a reply that is lost. */
 using SendFrame = std::function<void(size_t link, const Reply &reply)>;
 
-/** When a reply leaves; of two with the same time the older one goes first. */
-struct Departure {
-    uint64_t due_us = 0;
-    uint64_t order = 0;
-    auto operator<=>(const Departure &) const = default;
-};
+/** When a reply leaves, and its number: of two with the same time the older one goes first. */
+using Departure = std::pair<uint64_t, uint64_t>;
 
 struct WaitingReply {
     size_t link = 0;

@@ -8,7 +8,7 @@ namespace card {
 
 namespace {
 
-constexpr uint64_t kHourUs = 3600ULL * 1000 * 1000;
+constexpr uint64_t kHourUs = 3'600'000'000;
 constexpr uint32_t kPercentDecimals = 4; // 100 % = 1,000,000 parts: one decimal per tenth part
 
 struct Unit {
@@ -16,7 +16,7 @@ struct Unit {
     uint64_t us;
 };
 // Longer suffixes first: "ms" ends in "s" too.
-constexpr std::array<Unit, 3> kUnits = {{{"us", 1}, {"ms", 1000}, {"s", 1000 * 1000}}};
+constexpr std::array<Unit, 3> kUnits = {{{"us", 1}, {"ms", 1000}, {"s", 1'000'000}}};
 
 bool take_prefix(std::string_view &text, std::string_view prefix) {
     if (!text.starts_with(prefix)) {

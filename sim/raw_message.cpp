@@ -135,19 +135,25 @@ size_t tell_length(const LengthLie *lie, wire::ReplyHead &head) {
     return lie->field_only || head.len > wire::kMaxPayload ? honest : head.len;
 }
 
+// An option that says what the card does anyway is no fault.
+template <class Value>
+void set_if_other(Value &field, Value value, Fault fault, FaultSet &set) {
+    if (field != value) {
+        field = value;
+        set.add(fault);
+    }
+}
+
 void apply_fixed_faults(const FaultConfig &config, wire::ReplyHead &head, FaultSet &set) {
     const bool is_read = head.code == wire::kCodeRead;
     if (is_read && config.read_code) {
-        head.code = *config.read_code;
-        set.add(Fault::kReadCode);
+        set_if_other(head.code, *config.read_code, Fault::kReadCode, set);
     }
     if (!is_read && config.ack_code) {
-        head.code = *config.ack_code;
-        set.add(Fault::kAckCode);
+        set_if_other(head.code, *config.ack_code, Fault::kAckCode, set);
     }
     if (config.reply_type) {
-        head.type = *config.reply_type;
-        set.add(Fault::kType);
+        set_if_other(head.type, *config.reply_type, Fault::kType, set);
     }
 }
 

@@ -14,8 +14,8 @@
 
 namespace card {
 
-constexpr uint64_t kResendWindowUs = 1000 * 1000;
-constexpr uint64_t kSettledWindowUs = 50 * 1000; // a resend comes 60 ms or more after its request
+constexpr uint64_t kResendWindowUs = 1'000'000;
+constexpr uint64_t kSettledWindowUs = 50'000; // a resend comes 60 ms or more after its request
 
 struct RecentRequest {
     uint64_t fingerprint = 0;

@@ -7,7 +7,7 @@ namespace card {
 
 namespace {
 
-constexpr uint64_t kUsPerSecond = 1000 * 1000;
+constexpr uint64_t kUsPerSecond = 1'000'000;
 
 struct DispositionText {
     Disposition disposition;

@@ -1,0 +1,199 @@
+#include "options.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "help.h"
+
+namespace {
+
+using card::Fault;
+using card::Options;
+
+std::string parse(const std::vector<const char *> &arguments, Options &out) {
+    return card::parse_options(arguments, out);
+}
+
+Options good(const std::vector<const char *> &arguments) {
+    Options options;
+    EXPECT_EQ(parse(arguments, options), "");
+    return options;
+}
+
+std::string wrong(const std::vector<const char *> &arguments) {
+    Options options;
+    return parse(arguments, options);
+}
+
+uint32_t rate(const Options &options, Fault fault) {
+    return options.faults.rates_ppm[static_cast<size_t>(fault)];
+}
+
+TEST(Options, NeedNothingButAnInterface) {
+    const Options options = good({"card0"});
+    EXPECT_EQ(options.interfaces, std::vector<std::string>{"card0"});
+    EXPECT_EQ(options.faults.seed, 1U);
+    EXPECT_FALSE(options.identity.model);
+    EXPECT_FALSE(options.trace);
+    for (const uint32_t ppm : options.faults.rates_ppm) {
+        EXPECT_EQ(ppm, 0U);
+    }
+}
+
+TEST(Options, TakeValuesInBothForms) {
+    const Options options =
+        good({"--model=0x102", "--slot", "c", "--seed", "7", "card0", "--", "--odd"});
+    EXPECT_EQ(options.identity.model, 0x102);
+    EXPECT_EQ(options.identity.slot, 0xC);
+    EXPECT_EQ(options.faults.seed, 7U);
+    EXPECT_EQ(options.interfaces, (std::vector<std::string>{"card0", "--odd"}));
+}
+
+TEST(Options, SetEachRate) {
+    const Options options = good({"--drop", "1", "--drop-requests", "2", "--corrupt", "3",
+                                  "--duplicate", "4", "--reorder", "5", "--noise", "6", "c"});
+    EXPECT_EQ(rate(options, Fault::kDrop), 10000U);
+    EXPECT_EQ(rate(options, Fault::kDropRequest), 20000U);
+    EXPECT_EQ(rate(options, Fault::kCorrupt), 30000U);
+    EXPECT_EQ(rate(options, Fault::kDuplicate), 40000U);
+    EXPECT_EQ(rate(options, Fault::kReorder), 50000U);
+    EXPECT_EQ(rate(options, Fault::kNoise), 60000U);
+}
+
+TEST(Options, DelayAllRepliesUnlessAShareOrANumberIsGiven) {
+    EXPECT_EQ(rate(good({"--delay", "5ms", "c"}), Fault::kDelay), card::kAlways);
+    EXPECT_EQ(rate(good({"--delay-share", "10", "--delay", "5", "c"}), Fault::kDelay), 100000U);
+    EXPECT_EQ(rate(good({"--delay=5", "--nth", "delay:2", "c"}), Fault::kDelay), 0U);
+    const Options options = good({"--delay", "1ms:2s", "c"});
+    EXPECT_EQ(options.faults.delay_min_us, 1000U);
+    EXPECT_EQ(options.faults.delay_max_us, 2000000U);
+}
+
+TEST(Options, CollectRulesInTheirOrder) {
+    const Options options =
+        good({"--error", "05@7040x3", "--error-with-data", "ff@any", "--silence", "10-1f",
+              "--lie-length", "+5@20", "--lie-field", "2000@30x1", "c"});
+    const auto &rules = options.faults.rules;
+    ASSERT_EQ(rules.size(), 5U);
+    EXPECT_EQ(rules[0].fault, Fault::kError);
+    EXPECT_EQ(rules[0].status, 5);
+    EXPECT_EQ(rules[0].range.times, 3U);
+    EXPECT_FALSE(rules[0].with_data);
+    EXPECT_TRUE(rules[1].with_data);
+    EXPECT_EQ(rules[2].fault, Fault::kSilence);
+    EXPECT_EQ(rules[2].range.last, 0x1FU);
+    EXPECT_EQ(rules[3].fault, Fault::kLieLength);
+    EXPECT_TRUE(rules[3].lie.relative);
+    EXPECT_EQ(rules[3].lie.amount, 5U);
+    EXPECT_TRUE(rules[4].lie.field_only);
+    EXPECT_EQ(rules[4].lie.amount, 2000U);
+}
+
+TEST(Options, TakeTheRest) {
+    const Options options =
+        good({"--nth", "drop:1,3", "--nth=noise:2", "--ack-code", "10", "--read-code", "5",
+              "--type", "0800", "--counters", "a", "--trace-file", "b", "c"});
+    ASSERT_EQ(options.faults.nth.size(), 3U);
+    EXPECT_EQ(options.faults.nth[1].number, 3U);
+    EXPECT_EQ(options.faults.nth[2].fault, Fault::kNoise);
+    EXPECT_EQ(options.faults.ack_code, 0x10);
+    EXPECT_EQ(options.faults.read_code, 0x05);
+    EXPECT_EQ(options.faults.reply_type, 0x0008) << "08 00 on the wire";
+    EXPECT_EQ(options.counters_path, "a");
+    EXPECT_EQ(options.trace_path, "b");
+    EXPECT_TRUE(options.trace);
+}
+
+TEST(Options, TakeMemoryFiles) {
+    const Options options = good({"--memory-load", "a", "--memory-load=b@c@18000000",
+                                  "--memory-save", "d", "--memory-save", "e@ffffff00:256", "c"});
+    ASSERT_EQ(options.loads.size(), 2U);
+    EXPECT_EQ(options.loads[0].addr, 0U);
+    EXPECT_EQ(options.loads[1].path, "b@c");
+    EXPECT_EQ(options.loads[1].addr, 0x18000000U);
+    ASSERT_EQ(options.saves.size(), 2U);
+    EXPECT_TRUE(options.saves[0].whole);
+    EXPECT_FALSE(options.saves[1].whole);
+    EXPECT_EQ(options.saves[1].addr, 0xFFFFFF00U);
+    EXPECT_EQ(options.saves[1].len, 256U);
+}
+
+TEST(Options, HelpAndVersionNeedNoInterface) {
+    EXPECT_EQ(good({"--help"}).action, card::Action::kHelp);
+    EXPECT_EQ(good({"--drop", "5", "--version"}).action, card::Action::kVersion);
+}
+
+struct WrongCase {
+    std::vector<const char *> arguments;
+    const char *message;
+};
+
+TEST(Options, SayWhatIsWrong) {
+    const WrongCase cases[] = {
+        {{}, "options: no interface given"},
+        {{"--drop", "5"}, "options: no interface given"},
+        {{"--no-such", "c"}, "options: '--no-such': no such option"},
+        {{"-x", "c"}, "options: '-x': no such option"},
+        {{"c", "--drop"}, "options: '--drop': value P is missing"},
+        {{"--trace=1", "c"}, "options: '--trace': takes no value"},
+        {{"--drop", "abc", "c"}, "options: '--drop' 'abc': expected a percentage from 0 to 100"},
+        {{"--model", "10000", "c"}, "options: '--model' '10000': expected hexadecimal 0 to ffff"},
+        {{"--slot=100", "c"}, "options: '--slot' '100': expected hexadecimal 0 to ff"},
+        {{"--seed", "x", "c"}, "options: '--seed' 'x': expected a number"},
+        {{"--error", "0@any", "c"},
+         "options: '--error' '0@any': expected STATUS@RANGE with STATUS hexadecimal 1 to ff"},
+        {{"--error", "5", "c"},
+         "options: '--error' '5': expected STATUS@RANGE with STATUS hexadecimal 1 to ff"},
+        {{"--error", "5@9-8", "c"},
+         "options: '--error' '5@9-8': expected ADDR, ADDR-ADDR or any, perhaps followed by xN"},
+        {{"--silence", "", "c"},
+         "options: '--silence' '': expected ADDR, ADDR-ADDR or any, perhaps followed by xN"},
+        {{"--lie-length", "65536@any", "c"},
+         "options: '--lie-length' '65536@any': expected LEN@RANGE with LEN a length up to 65535 "
+         "or +N"},
+        {{"--memory-save", "f@10", "c"},
+         "options: '--memory-save' 'f@10': expected FILE or FILE@ADDR:LEN within 4 GiB"},
+        {{"--memory-save", "f@ffffffff:2", "c"},
+         "options: '--memory-save' 'f@ffffffff:2': expected FILE or FILE@ADDR:LEN within 4 GiB"},
+        {{"--memory-load", "f@", "c"}, "options: '--memory-load' 'f@': expected FILE or FILE@ADDR"},
+        {{"--memory-load", "", "c"}, "options: '--memory-load' '': expected a file name"},
+        {{"--counters=", "c"}, "options: '--counters' '': expected a file name"},
+        {{"--delay-share", "5", "c"},
+         "options: '--delay-share' and '--nth delay': need '--delay' with a time above 0"},
+        {{"c", "c"}, "options: interface 'c': given twice"},
+        {{""}, "options: interface '': expected a name of 1 to 15 characters"},
+        {{"0123456789abcdef"},
+         "options: interface '0123456789abcdef': expected a name of 1 to 15 characters"},
+    };
+    for (const WrongCase &row : cases) {
+        EXPECT_EQ(wrong(row.arguments), row.message);
+    }
+    for (const char *nth : {"drop", "drop:", "drop:0", "drop:1,", "error:1", ":1", "drop:1;2"}) {
+        EXPECT_TRUE(wrong({"--nth", nth, "c"}).starts_with("options: '--nth'")) << nth;
+    }
+    for (const char *delay : {"", "x", "5:", ":5", "9:5", "1h"}) {
+        EXPECT_TRUE(wrong({"--delay", delay, "c"}).starts_with("options: '--delay'")) << delay;
+    }
+}
+
+TEST(Options, TakeNoMoreThanSixteenInterfaces) {
+    const std::vector<const char *> names = {"1", "2",  "3",  "4",  "5",  "6",  "7",  "8",
+                                             "9", "10", "11", "12", "13", "14", "15", "16"};
+    EXPECT_EQ(good(names).interfaces.size(), 16U);
+    std::vector<const char *> more = names;
+    more.push_back("17");
+    EXPECT_EQ(wrong(more), "options: interface '17': more than 16 interfaces");
+}
+
+TEST(Help, NamesEveryOptionAndExitStatus) {
+    const std::string text = card::help_text();
+    for (const char *part : {"--drop-requests P", "--memory-save FILE[@ADDR:LEN]", "--nth",
+                             "--lie-field", "unanswered_requests", "Exit status:", "SIGUSR1"}) {
+        EXPECT_NE(text.find(part), std::string::npos) << part;
+    }
+    EXPECT_TRUE(card::version_text().starts_with("ruk-card "));
+}
+
+} // namespace
