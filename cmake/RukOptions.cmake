@@ -3,7 +3,7 @@ add_library(ruk_options INTERFACE)
 target_compile_definitions(ruk_options INTERFACE _GNU_SOURCE)
 target_compile_options(ruk_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-align -Wcast-qual
-    -Wformat=2 -Wundef -Wdouble-promotion -Wnull-dereference -Wvla
+    -Wformat=2 -Wundef -Wdouble-promotion -Wvla
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>
     $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>
     $<$<BOOL:${RUK_WERROR}>:-Werror>)

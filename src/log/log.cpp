@@ -110,7 +110,10 @@ void switch_file_at_day_change(int day) {
     FILE *file = current_file().exchange(nullptr, std::memory_order_acq_rel);
     if (file != nullptr) {
         store_relaxed(log_num, 1 - load_relaxed(log_num));
-        close_file(g_retired.exchange(file));
+        // Two switches within one slow call leave the second file open for good: better a
+        // descriptor too many than a file closed under its writer.
+        FILE *none = nullptr;
+        (void)g_retired.compare_exchange_strong(none, file);
     }
 }
 

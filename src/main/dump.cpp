@@ -25,7 +25,7 @@ void process_recvbuf(const uint8_t *data, uint32_t base_address, uint32_t length
         if (i % kGroupsPerLine == 0) {
             print_address(base_address + kGroup * i);
         }
-        const uint8_t *group = data + kGroup * i;
+        const uint8_t *group = data + size_t{kGroup} * i;
         printf("%02x%02x%02x%02x ", group[0], group[1], group[2], group[3]);
     }
     for (uint32_t i = groups * kGroup; i < length; i++) {
