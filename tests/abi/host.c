@@ -1,0 +1,92 @@
+/* host.c - a host program in plain C: uses a bit of every room that needs no rights. */
+#include "ap_msg/ap_msg.h"
+#include "eth_raw/eth_raw.h"
+#include "log/log.h"
+#include "main/main.h"
+#include "mem/mem.h"
+#include "queue/queue.h"
+#include "raw_msg/raw_msg.h"
+#include "timer/timer.h"
+
+#include <stdio.h>
+#include <string.h>
+
+static int g_failures = 0;
+
+static void check(int holds, const char *what) {
+    if (!holds) {
+        (void)fprintf(stderr, "host: not so: %s\n", what);
+        g_failures++;
+    }
+}
+
+#define CHECK(condition) check((condition), #condition)
+
+/* A write of four bytes to address 0x12345678 of card model 0x0201, slot 3, number 0x0605. */
+static void pack_a_frame(void) {
+    static const uint8_t header[28] = {0xEB, 0x90, 0xEB, 0x90, 0xEB, 0x90, 0x44, 0x44, 0x44, 0x44,
+                                       0x44, 0x44, 0x07, 0x00, 0x55, 0xAA, 0x01, 0x02, 0x03, 0x05,
+                                       0x06, 0x11, 0x78, 0x56, 0x34, 0x12, 0x04, 0x00};
+    uint8_t *const payload = RawMsgBuffGet(4);
+    uint8_t *frame = payload;
+    uint32_t sum = 0x5555;
+    uint32_t i = 0;
+    CHECK(payload != NULL);
+    if (payload == NULL) {
+        return;
+    }
+    payload[0] = 0xFF;
+    CHECK(RawMsgHeaderPack(0x0201, 3, 0x11, 0x12345678, 0x0605, &frame, 4) == 94);
+    CHECK(frame == RawMsgBuffHeadGet(payload));
+    CHECK(memcmp(frame, header, sizeof header) == 0);
+    for (i = 16; i < 92; i++) {
+        sum += frame[i];
+    }
+    CHECK(frame[92] == (sum & 0xFF) && frame[93] == sum >> 8);
+    RawMsgBuffFree(payload);
+}
+
+static int g_calls = 0;
+
+static void count_call(RawMsgQueueNode *record, void *data, uint32_t length) {
+    g_calls++;
+    CHECK(record->ack == 0 && record->recv_len == 8 && length == 8 && data == &g_calls);
+}
+
+static void queue_a_request(void) {
+    RawMsgQueueNode *record = mem_alloc(sizeof *record);
+    CHECK(record != NULL);
+    if (record == NULL) {
+        return;
+    }
+    memset(record, 0, sizeof *record);
+    record->addr = 0x1000;
+    record->seq = 7;
+    queue_init();
+    CHECK(queue_add(1, READ_WAIT_QUEUE, record) == 0);
+    CHECK(queue_get(1, READ_WAIT_QUEUE) == record);
+    timerStart(2, &record->timer);
+    elapsed = 1;
+    timerUpdate(1, 6);
+    CHECK(elapsed == 0 && record->timer.remaining == 1);
+    (void)queue_find(1, READ_WAIT_QUEUE, 0x1000, 0, 7, 8, count_call, &g_calls);
+    CHECK(g_calls == 1);
+    CHECK(queue_del(1, READ_WAIT_QUEUE, &record) == 0);
+}
+
+int main(void) {
+    uint8_t *message = NULL;
+    CHECK(log_debug == 0 && log_d == 0 && log_fp == NULL);
+    CHECK(strcmp(g_netdev_name[2], "eth2") == 0 && g_eth_init[2].flag == 0 && print_flag == 0);
+    CHECK(read_buffer == NULL && sizeof gRecvBuffer == 1450);
+    pack_a_frame();
+    queue_a_request();
+    CHECK(sem_init(&sem_test, 0, 0) == 0);
+    post_test();
+    CHECK(sem_trywait(&sem_test) == 0);
+    message = ApMsgBuffGet(100);
+    CHECK(message != NULL && ApMsgBuffHeadGet(message) == message - 38);
+    ApMsgBuffFree(message);
+    CHECK(mem_uinit() == 0);
+    return g_failures != 0;
+}
