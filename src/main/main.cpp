@@ -107,16 +107,27 @@ void detach(pthread_t thread) {
     }
 }
 
-// The threads are not joined: one that hangs in the kernel must not keep the tool from ending.
-void shut_down(int index, const Threads &threads) {
+// The socket must not be closed under a thread that still receives on it. The threads are not
+// joined: one that hangs in the kernel must not keep the tool from ending.
+void stop_threads(const Threads &threads) {
     int cancelled = 0;
     cancel(threads.receive, cancelled);
     cancel(threads.check, cancelled);
     await_thread_ends(cancelled, kThreadEnd);
     detach(threads.receive);
     detach(threads.check);
+}
+
+void shut_down(int index, const Threads &threads) {
+    stop_threads(threads);
     (void)RawMsgModuleUnInit(index);
     (void)mem_uinit();
+}
+
+int abandon(int index, const Threads &threads) {
+    stop_threads(threads);
+    (void)RawSockMsgUnInit(static_cast<uint32_t>(index)); // gives -1 by definition
+    return kFailed;
 }
 
 CommandLine parse(std::span<char *> argv, int index) {
@@ -158,8 +169,7 @@ int main(int argc, char **argv) {
     complain_about_link(index, errno, threads);
     sleep_full(kThreadStart);
     if (dispatch(parse(words, index)) == Outcome::kAbandoned) {
-        (void)RawSockMsgUnInit(static_cast<uint32_t>(index)); // gives -1 by definition
-        return kFailed;
+        return abandon(index, threads);
     }
     shut_down(index, threads);
     return 0;

@@ -1,0 +1,111 @@
+// Words that are wrong, too many or too few, and the name that the tool is started by.
+#include "bed.h"
+
+#include <unistd.h>
+
+namespace bed {
+
+namespace {
+
+class CommandLine : public SystemTest {};
+
+constexpr char kUsage[] = "usage: \n"
+                          "    [ Hex ]\n"
+                          "    [ fpga id read model slot addr len ]\n"
+                          "    [ fpga id readw model slot addr len ]\n"
+                          "    [ fpga id write model slot addr value ]\n"
+                          "    [ fpga id writea model slot addr value ]\n"
+                          "    [ fpga id writeaw model slot addr value ]\n"
+                          "    [ fpga id write model slot addr filename ]\n"
+                          "    [ fpga id writea model slot addr filename ]\n";
+
+TEST_F(CommandLine, FewWordsShowTheUsageAndNothingElse) {
+    const Words words = {"0", "read", "1", "3"};
+    for (size_t size = 0; size <= words.size(); size++) {
+        Capture capture;
+        const Finished result = ruk(Words(words.begin(), words.begin() + static_cast<long>(size)));
+        EXPECT_EQ(result.status, 255);
+        EXPECT_TRUE(result.out.ends_with(std::string("]:: use mem manage\n") + kUsage))
+            << result.out;
+        EXPECT_EQ(count(result.out, "index = "), 0); // the link was not touched
+        EXPECT_TRUE(capture.sent().empty());
+    }
+}
+
+TEST_F(CommandLine, AWriteWithoutDataShowsTheUsage) {
+    for (const char *word : {"write", "writea", "writeaw"}) {
+        Capture capture;
+        const Finished result = ruk({"0", word, "1", "3", "7040"});
+        EXPECT_EQ(result.status, 255) << word;
+        EXPECT_EQ(count(result.out, kUsage), 1) << result.out;
+        EXPECT_TRUE(capture.sent().empty());
+    }
+}
+
+TEST_F(CommandLine, AnUnknownWordDoesNothing) {
+    for (const char *word : {"rea", "READ", "readw ", "", "help"}) {
+        Capture capture;
+        const Finished result = ruk({"0", word, "1", "3", "7040", "0x1"});
+        EXPECT_EQ(result.status, 0) << word;
+        EXPECT_EQ(count(result.out, "usage"), 0);
+        EXPECT_EQ(count(result.out, "eth_init[0].sock_fd = "), 1); // the link went up all the same
+        EXPECT_TRUE(capture.sent().empty());
+    }
+}
+
+TEST_F(CommandLine, ModelSlotAndAddressKeepTheirLowBits) {
+    Card card({"--model", "3456", "--slot", "cd"});
+    Capture capture;
+    EXPECT_EQ(ruk({"0", "readw", "0x123456", "0xabcd", "0xFFFFFFFC", "4"}).status, 0);
+    ASSERT_EQ(capture.sent().size(), 1U);
+    EXPECT_EQ(capture.sent()[0],
+              request_frame({.model = 0x3456, .slot = 0xCD, .addr = 0xFFFFFFFC, .len = 4}));
+    EXPECT_EQ(card.stop()["read_replies"], 1);
+}
+
+TEST_F(CommandLine, WordsThatAreNoNumbersAreZero) {
+    const Card card;
+    Capture capture;
+    EXPECT_EQ(ruk({"abc", "readw", "x", "y", "z", "4"}).status, 0);
+    ASSERT_EQ(capture.sent().size(), 1U);
+    EXPECT_EQ(capture.sent()[0], request_frame({.len = 4}));
+}
+
+std::string frame_dump(const char *direction, const Bytes &frame) {
+    std::string text = std::string(direction) + ": \n";
+    for (size_t i = 0; i < frame.size(); i++) {
+        text += (i % 16 == 0 ? "\n" : "") + hex({frame[i]}) + " ";
+    }
+    return text + "\n";
+}
+
+TEST_F(CommandLine, TheNameRukTestShowsEveryFrame) {
+    const Card card;
+    Capture capture;
+    const Finished result =
+        run({.argv = {"ruk_test", "0", "readw", "1", "3", "7040", "20"}, .program = RUK_PROGRAM});
+    EXPECT_EQ(result.status, 0);
+    ASSERT_EQ(capture.sent().size(), 1U);
+    ASSERT_EQ(capture.received().size(), 1U);
+    EXPECT_EQ(count(result.out, frame_dump("send", capture.sent()[0])), 1) << result.out;
+    EXPECT_EQ(count(result.out, frame_dump("recv", capture.received()[0])), 1) << result.out;
+}
+
+TEST_F(CommandLine, AnyOtherNameShowsNoFrame) {
+    const Directory directory;
+    const std::string path = directory.path("ruk_test");
+    ASSERT_EQ(symlink(RUK_PROGRAM, path.c_str()), 0);
+    for (const std::string &name : {path, std::string("ruk_tes"), std::string("ruk_test2")}) {
+        Card card;
+        const Finished result =
+            run({.argv = {name, "0", "readw", "1", "3", "7040", "20"}, .program = path});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(count(result.out, "send: "), 0) << name;
+        EXPECT_EQ(count(result.out, "recv: "), 0) << name;
+        EXPECT_EQ(card.stop()["read_replies"], 1);
+    }
+}
+
+} // namespace
+
+} // namespace bed

@@ -1,0 +1,84 @@
+// A wire that never rests: garbage, and a card that refuses for ever.
+#include "bed.h"
+
+#include <csignal>
+#include <random>
+#include <thread>
+
+namespace bed {
+
+namespace {
+
+class Endless : public SystemTest {};
+
+// Frames of random bytes; most start like an answer, so that they come as far as the checksum.
+[[noreturn]] void flood(const CardEnd &end) {
+    const Bytes start = from_hex("444444444444eb90eb90eb900700aa55");
+    std::mt19937 random(1);
+    for (;;) {
+        for (int i = 0; i < 20; i++) {
+            Bytes frame(14 + random() % 1500);
+            for (uint8_t &byte : frame) {
+                byte = static_cast<uint8_t>(random());
+            }
+            if (i % 4 != 0 && frame.size() >= start.size()) {
+                std::copy(start.begin(), start.end(), frame.begin());
+            }
+            end.send(frame);
+        }
+        std::this_thread::sleep_for(2ms);
+    }
+}
+
+TEST_F(Endless, GarbageIsNeitherShownNorFatal) {
+    const Directory directory;
+    const CardEnd end;
+    Card card({"--memory-load", directory.file("register", {0xCA, 0xFE, 0xBA, 0xBE}) + "@7040"});
+    const Process garbage({.argv = {"garbage"}, .in_child = [&end] { flood(end); }});
+    for (const std::string word : {"read", "readw", "write", "writea", "writeaw"}) {
+        Capture capture;
+        const bool is_read = word.starts_with("read");
+        const Finished result =
+            ruk({"0", word, "1", "3", is_read ? "7040" : "8000", is_read ? "4" : "0x1"});
+        EXPECT_EQ(result.status, 0) << word;
+        EXPECT_GE(capture.received().size(), 100U);
+        EXPECT_GE(count(result.out, "]:: recv packet crc error:"), 10);
+        EXPECT_EQ(count(result.out, "register end"), 1);
+        // An answer may drown in the flood, but a wrong one must not come up from it.
+        const int shown = count(result.out, "\n00007040: cafebabe \n");
+        EXPECT_EQ(count(result.out, "\n00007040: "), shown + count(result.out, "\n00007040: \n"));
+    }
+    EXPECT_GE(card.stop()["requests"], 5);
+}
+
+// Refusals are answered by resends without limit, so that only a signal ends the tool.
+TEST_F(Endless, RefusalsForEverLastUntilASignal) {
+    for (const int signo : {SIGINT, SIGTERM, SIGQUIT}) {
+        for (const Words &words : {Words{"read", "1"}, Words{"writea", "0x1"}}) {
+            Card card({"--error", "02@any"});
+            Capture capture;
+            Process tool({.argv = ruk_command({"0", words[0], "1", "3", "7040", words[1]})});
+            EXPECT_TRUE(capture.await_sent(20));
+            tool.send(SIGHUP); // ignored
+            EXPECT_TRUE(capture.await_sent(capture.sent().size() + 20));
+            EXPECT_EQ(tool.wait(0ms), std::nullopt);
+            tool.send(signo);
+            EXPECT_EQ(tool.wait(), 0) << signo << " " << tool.err();
+            EXPECT_GE(card.stop()["error"], 40);
+        }
+    }
+}
+
+TEST_F(Endless, ASignalEndsAWaitingCommand) {
+    for (const int signo : {SIGINT, SIGTERM, SIGQUIT}) {
+        Process tool({.argv = ruk_command({"0", "readw", "1", "3", "7040"})});
+        ASSERT_TRUE(tool.await_output("thread1 id"));
+        tool.send(signo);
+        EXPECT_EQ(tool.wait(), 0);
+        EXPECT_EQ(count(tool.out(), "register end"), 0); // it was in the middle of its work
+    }
+}
+
+} // namespace
+
+} // namespace bed
