@@ -75,7 +75,8 @@ FILE *open_current_file() {
 
 // One write for header and message, so that lines of several threads do not mix; a message that
 // does not fit goes out in two.
-void emit(FILE *out, const char *header, const char *format, va_list arguments) {
+__attribute__((format(printf, 3, 0))) void emit(FILE *out, const char *header, const char *format,
+                                                va_list arguments) {
     char line[kLineSize];
     va_list again;
     va_copy(again, arguments);

@@ -10,6 +10,10 @@
 
 namespace {
 
+// The read data's place. It stays out of the pool until the process ends: its release is the one of
+// the min-buffer table, which keeps it.
+uint8_t *g_read_buf = nullptr;
+
 using ReadOperation = void (*)(const CommandLine &line, uint32_t len, uint8_t *buf);
 
 void read_without_waiting(const CommandLine &line, uint32_t len, uint8_t *buf) {
@@ -30,14 +34,14 @@ Outcome run_read_command(const CommandLine &line, ReadOperation operation) {
     const bool has_len = line.argv.size() == kArgOwn + 1;
     const uint32_t len = has_len ? parse_decimal(line.argv[kArgOwn]) : 1;
 
-    uint8_t *buf = RawMsgBuffGet(kCommandBuffer);
-    if (buf == nullptr) {
+    g_read_buf = RawMsgBuffGet(kCommandBuffer);
+    if (g_read_buf == nullptr) {
         LOG("RawMsgBuffGet fail\n");
         return Outcome::kAbandoned;
     }
-    operation(line, len, buf);
+    operation(line, len, g_read_buf);
     wait_full(sem_test);
-    RawMsgMinBuffFree(buf); // keeps the buffer: a late reply of a waiting form has gone by then
+    RawMsgMinBuffFree(g_read_buf);
     LOG("read register end\n");
     return Outcome::kDone;
 }

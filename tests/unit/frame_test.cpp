@@ -148,7 +148,7 @@ TEST(FrameUnpack, LeavesOutputsAloneForAForeignFrame) {
 
 TEST(FrameUnpack, LogsBothSumsOfADamagedReplyAndStillGivesItsHeader) {
     Frame frame = make_reply(0, 1, 2, 3, 0, 4, {9});
-    const unsigned good = frame[frame.size() - 2] | frame[frame.size() - 1] << 8U;
+    const auto good = static_cast<unsigned>(frame[frame.size() - 2] | frame[frame.size() - 1] << 8);
     frame[frame.size() - 1] = 0x12;
     frame[frame.size() - 2] = 0x34;
     char expected[80];

@@ -54,6 +54,9 @@ std::vector<uint8_t> payload_of(const Frame &frame) {
 
 } // namespace
 
+// Visible outside: a sanitizer's library calls the wrapped names, too.
+#pragma GCC visibility push(default)
+
 extern "C" {
 void *__wrap_malloc(size_t size);
 void *__real_malloc(size_t size);
@@ -65,6 +68,8 @@ void *__wrap_malloc(size_t size) {
     return __real_malloc(size);
 }
 }
+
+#pragma GCC visibility pop
 
 namespace {
 

@@ -73,7 +73,7 @@ protected:
     }
 
     RawMsgQueueNode &record(int i, int j) {
-        return records_[static_cast<size_t>(i * kKinds + j)];
+        return records_.at(static_cast<size_t>(i)).at(static_cast<size_t>(j));
     }
 
     Timer &timer(int i = 0, int j = 0) {
@@ -86,7 +86,7 @@ protected:
     }
 
 private:
-    std::array<RawMsgQueueNode, kInterfaces * kKinds> records_{};
+    std::array<std::array<RawMsgQueueNode, kKinds>, kInterfaces> records_{};
 };
 
 TEST_F(TimerUpdate, ExpiresAfterAsManyTicksAsStarted) {
@@ -238,6 +238,7 @@ constexpr int kCounters = 2;
 std::vector<std::thread> start_counting(std::atomic<int> &at_work) {
     at_work = kCounters;
     std::vector<std::thread> threads;
+    threads.reserve(kCounters);
     for (int id = 0; id < kCounters; id++) {
         threads.emplace_back([&at_work] {
             for (int i = 0; i < kTicks; i++) {
