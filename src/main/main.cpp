@@ -23,7 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kThreadStart = 100000us; // until both threads of the link are running
-constexpr auto kThreadEnd = 100ms;      // at most; they end as soon as they are cancelled
+constexpr auto kThreadEnd = 1000ms;     // at most; they end as soon as they are cancelled
 constexpr int kFailed = -1;             // the shell sees 255
 constexpr char kDumpingName[] = "ruk_test";
 
@@ -82,7 +82,7 @@ void complain_about_link(int index, int reason, const Threads &threads) {
     if (link == nullptr) {
         (void)fprintf(stderr, "ruk: interface index %d: only 0 to %d exist, nothing is sent\n",
                       index, MAX_ETH - 1);
-    } else if (!link_is_open(*link)) {
+    } else if (!link_is_open(*link) || threads.check == pthread_t{}) {
         (void)fprintf(stderr, "ruk: %s: not up (%s), nothing is sent\n", g_netdev_name[index],
                       strerror(reason));
     } else if (threads.receive == pthread_t{}) {
@@ -107,26 +107,29 @@ void detach(pthread_t thread) {
     }
 }
 
-// The socket must not be closed under a thread that still receives on it. The threads are not
-// joined: one that hangs in the kernel must not keep the tool from ending.
-void stop_threads(const Threads &threads) {
+// The threads are not joined: one that hangs in the kernel must not keep the tool from ending.
+// False: one does, and its socket must not be closed under it; the end of the process closes it.
+bool stop_threads(const Threads &threads) {
     int cancelled = 0;
     cancel(threads.receive, cancelled);
     cancel(threads.check, cancelled);
-    await_thread_ends(cancelled, kThreadEnd);
+    const bool ended = await_thread_ends(cancelled, kThreadEnd);
     detach(threads.receive);
     detach(threads.check);
+    return ended;
 }
 
 void shut_down(int index, const Threads &threads) {
-    stop_threads(threads);
-    (void)RawMsgModuleUnInit(index);
-    (void)mem_uinit();
+    if (stop_threads(threads)) {
+        (void)RawMsgModuleUnInit(index); // gives -1 by definition
+        (void)mem_uinit();
+    }
 }
 
 int abandon(int index, const Threads &threads) {
-    stop_threads(threads);
-    (void)RawSockMsgUnInit(static_cast<uint32_t>(index)); // gives -1 by definition
+    if (stop_threads(threads)) {
+        (void)RawSockMsgUnInit(static_cast<uint32_t>(index)); // gives -1 by definition
+    }
     return kFailed;
 }
 

@@ -1,6 +1,7 @@
 #include "main/source.h"
 
 #include "eth_raw/eth_raw.h"
+#include "log/errno_keeper.h"
 #include "log/write.h"
 #include "main/usage.h"
 
@@ -71,6 +72,7 @@ bool source_from_values(const CommandLine &line, Source &source) {
     if (buf == nullptr) {
         return false;
     }
+    const ErrnoKeeper keep_errno; // the send that follows decides by errno
     const auto values = line.argv.subspan(kArgOwn);
     LOG("write fpga %d , register : 0x%08x , length : %d value :", line.index, line.addr,
         static_cast<int>(values.size()));

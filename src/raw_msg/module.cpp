@@ -98,10 +98,13 @@ ThreadEnd::~ThreadEnd() {
     g_ended_threads.fetch_add(1, std::memory_order_release);
 }
 
-void await_thread_ends(int count, std::chrono::milliseconds at_most) {
+bool await_thread_ends(int count, std::chrono::milliseconds at_most) {
     const auto give_up = std::chrono::steady_clock::now() + at_most;
-    while (g_ended_threads.load(std::memory_order_acquire) < count &&
-           std::chrono::steady_clock::now() < give_up) {
+    while (g_ended_threads.load(std::memory_order_acquire) < count) {
+        if (std::chrono::steady_clock::now() >= give_up) {
+            return false;
+        }
         sleep_full(kEndPoll);
     }
+    return true;
 }

@@ -25,8 +25,8 @@ pthread_mutex_t &find_check_lock(int index);
  */
 void pin_to_processor(int index, const char *name);
 
-/** Wait until so many cancelled threads of this layer have ended; gives up after the time. */
-void await_thread_ends(int count, std::chrono::milliseconds at_most);
+/** Wait until so many cancelled threads of this layer have ended. False: not within the time. */
+bool await_thread_ends(int count, std::chrono::milliseconds at_most);
 
 /** Announces the end of the thread on whose stack it stands, also when the thread is cancelled. */
 class ThreadEnd {
