@@ -4,6 +4,8 @@
 
 #include "eth_raw/eth_raw.h"
 
+#include <chrono>
+
 /** The header fields of one raw message. */
 struct RawMsgHeader {
     uint16_t model;
@@ -20,6 +22,10 @@ enum class Received {
     kRefused, // a frame came that is no intact reply
     kNothing, // the link gives no frames: not open, closed, or down
 };
+
+// A link that is down fails every receive at once; a real-time thread that asked again without a
+// pause would take the processor away from everyone else.
+constexpr std::chrono::microseconds kDeadLinkPause{10000};
 
 /** As RawSockMsgRecv, telling a dead link from a frame that is not for us. */
 Received raw_sock_recv(int index, RawMsgHeader &header, uint8_t *&payload);

@@ -2,6 +2,8 @@
 #ifndef MAIN_COMMAND_H
 #define MAIN_COMMAND_H
 
+#include "eth_raw/frame_layout.h"
+
 #include <cstdint>
 #include <span>
 
@@ -38,10 +40,7 @@ uint32_t parse_hex(const char *word);
 uint32_t parse_decimal(const char *word);
 int parse_index(const char *word);
 
-constexpr uint8_t kReadCode = 0;
-constexpr uint8_t kWriteCode = 1;
-constexpr uint8_t kWriteAckCode = 17;
-constexpr int32_t kWaitTicks = 6;         // 180 ms, three times
-constexpr uint32_t kCommandBuffer = 1400; // bytes: the most that one frame carries
+constexpr int32_t kWaitTicks = 6;                // 180 ms, three times
+constexpr uint32_t kCommandBuffer = kMaxPayload; // bytes: the most that one frame carries
 
 #endif

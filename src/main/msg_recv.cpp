@@ -5,14 +5,6 @@
 
 void (*read_buffer)(const uint8_t *data, uint32_t addr, uint32_t length) = nullptr;
 
-namespace {
-
-using namespace std::chrono_literals;
-
-constexpr auto kDeadLinkPause = 10000us; // a link that is down must not be asked without a pause
-
-} // namespace
-
 int msg_recv(void) {
     for (;;) {
         RawMsgHeader header{};

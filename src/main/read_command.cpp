@@ -19,14 +19,15 @@ using ReadOperation = void (*)(const CommandLine &line, uint32_t len, uint8_t *b
 void read_without_waiting(const CommandLine &line, uint32_t len, uint8_t *buf) {
     uint32_t received = 0;
     set_read_dump(process_recvbuf); // the reply shows its data when it completes the read
-    (void)RawSockSendMsgWithRead(0, line.index, line.model, line.slot, line.addr, kReadCode, len,
-                                 buf, &received); // a failure shows as a missing dump
+    (void)RawSockSendMsgWithRead(0, line.index, line.model, line.slot, line.addr, RAW_MSG_CODE_READ,
+                                 len, buf, &received); // a failure shows as a missing dump
 }
 
 void read_and_wait(const CommandLine &line, uint32_t len, uint8_t *buf) {
     uint32_t received = 0;
-    (void)RawSockSendMsgWithReadWait(line.index, line.model, line.slot, line.addr, kReadCode, len,
-                                     buf, &received, kWaitTicks); // a failure is logged
+    (void)RawSockSendMsgWithReadWait(line.index, line.model, line.slot, line.addr,
+                                     RAW_MSG_CODE_READ, len, buf, &received,
+                                     kWaitTicks); // a failure is logged
     process_recvbuf(buf, line.addr, std::min(received, kCommandBuffer));
 }
 

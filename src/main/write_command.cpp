@@ -13,15 +13,17 @@ namespace {
 using WriteOperation = void (*)(const CommandLine &line, const Source &source);
 
 void write_plain(const CommandLine &line, const Source &source) {
-    (void)RawSockSendMsg(line.index, line.model, line.slot, line.addr, kWriteCode, source.data(),
+    (void)RawSockSendMsg(line.index, line.model, line.slot, line.addr, RAW_MSG_CODE_WRITE,
+                         source.data(),
                          source.len); // a failure is logged
 }
 
 // Every frame posts when it ends. The first post alone would end the tool while later frames of a
 // file are still waiting for their acknowledgement, and a lost one would never be sent again.
 void write_with_ack(const CommandLine &line, const Source &source) {
-    (void)RawSockSendMsgWithAck(0, line.index, line.model, line.slot, line.addr, kWriteAckCode,
-                                source.data(), source.len); // a failure is logged
+    (void)RawSockSendMsgWithAck(0, line.index, line.model, line.slot, line.addr,
+                                RAW_MSG_CODE_WRITE_ACK, source.data(),
+                                source.len); // a failure is logged
     if (source.len == 0) {
         return; // nothing was sent, so nothing will end
     }
@@ -32,8 +34,8 @@ void write_with_ack(const CommandLine &line, const Source &source) {
 
 void write_with_ack_and_wait(const CommandLine &line, const Source &source) {
     uint8_t status = 0;
-    (void)RawSockSendMsgWithAckWait(line.index, line.model, line.slot, line.addr, kWriteAckCode,
-                                    source.data(), source.len, &status,
+    (void)RawSockSendMsgWithAckWait(line.index, line.model, line.slot, line.addr,
+                                    RAW_MSG_CODE_WRITE_ACK, source.data(), source.len, &status,
                                     kWaitTicks); // a failure is logged
     wait_full(sem_test);
 }

@@ -2,11 +2,12 @@
 #ifndef RAW_MSG_RAW_MSG_PRIV_H
 #define RAW_MSG_RAW_MSG_PRIV_H
 
+#include "queue/queue_priv.h"
 #include "raw_msg/raw_msg.h"
 
 #include <chrono>
 
-constexpr int kInterfaces = 3;
+constexpr int kInterfaces = kQueueInterfaces;
 constexpr uint16_t kResendTicks = 3; // 90 ms between the transmissions of a non-waiting request
 
 /**

@@ -13,12 +13,6 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
-// A link that is down fails every receive at once; a real-time thread that asked again without a
-// pause would take the processor away from everyone else.
-constexpr auto kDeadLinkPause = 10000us;
-
 void dispatch_reply(int index, const RawMsgHeader &header, uint8_t *payload) {
     const MutexGuard guard(find_check_lock(index));
     switch (header.code) {
