@@ -1,8 +1,12 @@
-// ap_msg.h - messages between processes of the board.
+// ap_msg.h - messages between processes of the board, and the service that answers their requests.
 //
 // A message travels through the board's message library to the module that a 32-bit address names:
 // slot << 24 | 0x0A << 16 | module << 8. See message_layout.h for its fields.
-// Threads: any.
+// The service runs on two threads: the receive thread answers reads and writes, one at a time; the
+// file thread moves pictures, so that nothing waits for them.
+// Threads: any, unless said otherwise.
+// Locks:   one around the hand-over of file requests, held while the file thread works; the
+//          transaction layer's and the pool's are taken under it.
 #ifndef AP_MSG_AP_MSG_H
 #define AP_MSG_AP_MSG_H
 
@@ -47,6 +51,113 @@ RUK_API uint8_t *ApMsgBuffHeadGet(uint8_t *p);
 
 /** Give a message back to the pool, by its data area. Null is ignored. */
 RUK_API void ApMsgBuffFree(uint8_t *p);
+
+/** Register the service, module 0x3B of this card. Returns what apipc_init returns: 0 = done. */
+RUK_API int PmdApipcInit(void);
+
+/**
+ * Start the receive thread of the service, SCHED_FIFO priority 88; once per process. arg's value is
+ * the interface index, which chooses the processor.
+ *
+ * Returns 0, or -1: not created (logged).
+ */
+RUK_API int PmdApRecvTaskCreate(void *arg);
+
+/** Its body. Ends only when the service cannot be registered (logged). */
+RUK_API void *ApMsgRecv(void *index);
+
+/**
+ * Take one message, as the handler of apipc_loop_wait.
+ *
+ *   a, b  ignored
+ *
+ * What is no whole request for the service is logged, dumped on standard output and dropped.
+ * Returns -1: msg null, or no buffer for a read's reply (logged), else 0.
+ * Threads: the receive thread.  Blocks: as long as the request takes.
+ */
+RUK_API int ApipcEventDeal(int a, int b, void *msg, int length);
+
+/**
+ * Carry out one request and answer it.
+ *
+ *   msg  start of the message: 38 bytes, and the data that its len field counts
+ *   req  its request head, msg + 24
+ *
+ * Results, threads and blocking as for ApipcEventDeal.
+ */
+RUK_API int ApipcDataProc(void *msg, void *req);
+
+/** Send the service's greeting to a module. */
+RUK_API void apipc_first(int aptid);
+
+/** Send a test read request to module 0x3A of this card. */
+RUK_API void apipc_test(void);
+
+/**
+ * Start the file thread, SCHED_FIFO priority 95; once per process, before requests can come. arg as
+ * for PmdApRecvTaskCreate. Returns 0, or -1: not created (logged).
+ */
+RUK_API int PmdApFileTaskCreate(void *arg);
+
+/** Its body; never returns. */
+RUK_API void *ApMsgFileProc(void *index);
+
+/**
+ * Carry out a file request.
+ *
+ *   head  first 40 bytes of the message
+ *   req   request head and the data that its len field counts
+ *
+ * write_file_handle: results of write_file_handler. read_file_handle reads a picture from FPGA
+ * memory into the named file, as it comes, and into a 32-bit BMP file with ".bmp" behind its name.
+ * It returns 0, or -1: bad request, no memory, or a file that cannot be written (all logged); what
+ * the card did not answer stays black. No reply is sent.
+ */
+RUK_API int write_file_handle(void *head, void *req);
+RUK_API int read_file_handle(void *head, void *req);
+
+/**
+ * Write a picture file to a card's picture port: 3 bytes for each of hor x ver pixels, from the
+ * offset in the header of a ".bmp" file, else from the first byte.
+ *
+ *   addr  only logged
+ *
+ * Returns 0 when it was sent, whatever the card made of it; -1 no such file or too small, -2 not to
+ * be opened, -3 no memory, -4 short read (all logged). Blocks: until everything is sent.
+ */
+RUK_API int write_file_handler(int index, int slot, int model, uint32_t addr, int hor, int ver,
+                               const char *name);
+
+/** The same, with the low 8 bits of slot and the low 16 bits of model. */
+RUK_API int write_file_handle_test(int index, int slot, int model, uint32_t addr, int hor, int ver,
+                                   const char *name);
+
+/**
+ * Read a picture of 4-byte pixels from FPGA memory.
+ *
+ *   addr  start in the memory, in words of 8 bytes; lines begin there at multiples of 64 bytes
+ *   out   hor x 4 x ver bytes, lines without gaps
+ *
+ * Blocks that do not come stay zero; without memory nothing is read (logged).
+ */
+RUK_API void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t addr, uint16_t hor,
+                      uint16_t ver, uint8_t *out);
+
+/**
+ * Read one block of at most 1400 bytes from FPGA memory.
+ *
+ *   buf  length bytes; what did not come is left as it was
+ *
+ * Returns 0, or -1: no answer, or length above 1400 (logged).
+ */
+RUK_API int DDR2ReadProcess(int index, uint8_t slot, uint16_t model, uint32_t addr, uint16_t length,
+                            uint8_t *buf);
+
+/**
+ * Answer a file request: the 40-byte header, which is changed in place, goes back to its sender.
+ * Returns what the message library returns.
+ */
+RUK_API int write_file_resp(void *head, int result);
 
 #ifdef __cplusplus
 }

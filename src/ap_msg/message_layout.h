@@ -28,11 +28,36 @@ constexpr Field kSeq{30, 2};
 constexpr Field kAddr{32, 4};
 constexpr Field kLen{36, 2};
 constexpr size_t kDataOffset = 38;
+constexpr size_t kRequestHeadSize = kDataOffset - kHeadSize;
+
+// Data of a picture request: the size, then the file name to the end of the data.
+constexpr Field kPictureWidth{38, 4};
+constexpr Field kPictureHeight{42, 4};
+constexpr size_t kPictureName = 46;
+
+// Data of an update request: the kind of update, then the file name to the end of the data.
+constexpr Field kUpdateKind{38, 4};
+constexpr size_t kUpdateName = 42;
 
 constexpr uint32_t kHeaderSize = 40; // both heads and two data bytes: the shortest message sent
 constexpr uint32_t kServiceClass = 28;
-constexpr uint32_t kOwnModule = 0xA3B00; // module 0x3B, without the slot
+constexpr uint32_t kGreetingId = 46;
+
+// Addresses of modules without the slot of their card.
+constexpr uint32_t kOwnModule = 0xA3B00;
+constexpr uint8_t kOwnModuleId = 0x3B;
+constexpr uint32_t kTestModule = 0xA3A00;
+constexpr uint32_t kPeerModule = 0xA3C00; // its acknowledged writes are never sent as plain ones
 constexpr uint32_t kSlotShift = 24;
+
+// Request codes.
+constexpr uint8_t kCodeRead = 0x00;
+constexpr uint8_t kCodeWrite = 0x01;
+constexpr uint8_t kCodeWriteAck = 0x02;
+constexpr uint8_t kCodePutPicture = 0xEE;
+constexpr uint8_t kCodeGetPicture = 0xDD;
+constexpr uint8_t kCodeUpdate = 0xEF;
+constexpr uint8_t kCodeGreeting = 0xF0;
 } // namespace message
 
 #endif

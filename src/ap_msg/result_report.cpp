@@ -3,8 +3,7 @@
 #include "raw_msg/raw_msg.h"
 
 #include "ap_msg/ap_msg.h"
-#include "ap_msg/message_layout.h"
-#include "board/board.h"
+#include "ap_msg/reply.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -13,12 +12,6 @@
 namespace {
 
 constexpr uint32_t kReportMessageId = 14;
-constexpr uint32_t kReadCode = 0x00;
-constexpr uint32_t kWriteAckCode = 0x02;
-
-uint32_t own_address() {
-    return (static_cast<uint32_t>(apcard_bit_self()) << message::kSlotShift) | message::kOwnModule;
-}
 
 void print_header(std::span<const uint8_t> header) {
     for (const uint8_t byte : header) {
@@ -38,7 +31,7 @@ void WriteAckResultReport(RawMsgQueueNode *record, int result) {
     store_le(report, message::kId, kReportMessageId);
     store_le(report, message::kTarget,
              static_cast<uint32_t>(GetIdByIndex(static_cast<int>(record->index))));
-    store_le(report, message::kCode, kWriteAckCode);
+    store_le(report, message::kCode, message::kCodeWriteAck);
     store_le(report, message::kAddr, record->addr);
 
     printf("WriteAckResultReport result:%d\n", result);
@@ -54,7 +47,7 @@ void ReadResultReport(RawMsgQueueNode *record, int result) {
     store_le(report, message::kDataLen, len + message::kHeaderSize);
     store_le(report, message::kAptid, own_address());
     store_le(report, message::kAddr, record->addr);
-    store_le(report, message::kCode, kReadCode);
+    store_le(report, message::kCode, message::kCodeRead);
     store_le(report, message::kTarget,
              static_cast<uint32_t>(GetIdByIndex(static_cast<int>(record->index))));
     store_le(report, message::kLen, len);

@@ -29,6 +29,21 @@ extern RUK_API void (*read_buffer)(const uint8_t *data, uint32_t addr, uint32_t 
  */
 RUK_API int msg_recv(void);
 
+/**
+ * Write a picture file into the DDR2 memory of an FPGA. 24-bit ".bmp" files become 32-bit pixels,
+ * upright; any other file is taken as hor x ver such pixels.
+ *
+ *   addr  start in the memory, in words of 8 bytes
+ *   hor   pixels in a line; ver  lines; their low 16 bits count in the memory
+ *   ts    its second character is the target selector of DDR2Write
+ *   sel   its second character selects the FPGA, its third the memory, as for convert_index
+ *
+ * Returns 0 when it was sent, also when the selectors select nothing; or -1: not to be opened, too
+ * small (nothing is sent), no memory or a short read (logged).
+ */
+RUK_API int LoadPicture(uint32_t addr, uint32_t hor, uint32_t ver, const char *filename,
+                        const char *ts, const char *sel);
+
 #ifdef __cplusplus
 }
 #endif

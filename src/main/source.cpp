@@ -1,5 +1,6 @@
 #include "main/source.h"
 
+#include "ap_msg/input_file.h"
 #include "eth_raw/eth_raw.h"
 #include "log/errno_keeper.h"
 #include "log/write.h"
@@ -8,57 +9,20 @@
 #include <algorithm>
 #include <cstdio>
 #include <limits>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
-
-struct CloseFile {
-    void operator()(FILE *file) const {
-        (void)fclose(file); // only read from: nothing can be lost
-    }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
 
 uint8_t *take_buffer(Source &source, uint32_t len) {
     if (len <= kCommandBuffer) {
         source.frame_buffer.reset(RawMsgBuffGet(len));
     } else {
-        source.heap.reset(static_cast<uint8_t *>(std::malloc(len)));
+        source.heap = heap_bytes(len);
     }
     uint8_t *buf = source.frame_buffer != nullptr ? source.frame_buffer.get() : source.heap.get();
     if (buf == nullptr) {
         LOG("RawMsgBuffGet fail\n");
     }
     return buf;
-}
-
-// Opening a pipe would wait for its writer, perhaps for ever, and a directory has no bytes.
-bool can_be_sent(const char *name) {
-    struct stat status {};
-    if (stat(name, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISDIR(status.st_mode))) {
-        LOG("main: open '%s': a pipe or a directory, not a file\n", name);
-        return false;
-    }
-    return true;
-}
-
-// Bytes in the file, or -1.
-off_t size_of(FILE *file) {
-    if (fseeko(file, 0, SEEK_END) != 0) {
-        return -1;
-    }
-    const off_t size = ftello(file);
-    return fseeko(file, 0, SEEK_SET) == 0 ? size : -1;
-}
-
-bool is_there(const char *name) {
-    const bool found = access(name, F_OK) == 0;
-    LOG("%s file %s\n", found ? "found" : "not found", name);
-    if (!found) {
-        usage();
-    }
-    return found;
 }
 
 } // namespace
@@ -91,14 +55,15 @@ bool source_from_values(const CommandLine &line, Source &source) {
 
 bool source_from_file(const CommandLine &line, Source &source) {
     const char *name = line.argv[kArgOwn];
-    if (!is_there(name) || !can_be_sent(name)) {
+    if (!find_file(name)) {
+        usage();
         return false;
     }
-    const File file(fopen(name, "re")); // "e": the shells that the tool starts do not get it
+    const File file = open_input(name);
     if (file == nullptr) {
         return false;
     }
-    const off_t size = size_of(file.get());
+    const int64_t size = size_of(file.get());
     if (size < 0 || size > std::numeric_limits<int32_t>::max()) {
         LOG("RawMsgBuffGet fail\n"); // more than the address space of a card, or of the board
         return false;

@@ -3,15 +3,7 @@
 #define MAIN_SOURCE_H
 
 #include "main/command.h"
-
-#include <cstdlib>
-#include <memory>
-
-struct FreeMemory {
-    void operator()(uint8_t *memory) const {
-        std::free(memory);
-    }
-};
+#include "mem/owners.h"
 
 /** Gives a frame buffer back to the pool. */
 struct FreeFrameBuffer {
@@ -21,7 +13,7 @@ struct FreeFrameBuffer {
 /** Bytes and their owner: a frame buffer, or the heap for what no frame buffer holds. */
 struct Source {
     std::unique_ptr<uint8_t, FreeFrameBuffer> frame_buffer;
-    std::unique_ptr<uint8_t, FreeMemory> heap;
+    HeapBytes heap;
     uint32_t len = 0;
 
     const uint8_t *data() const {

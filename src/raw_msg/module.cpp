@@ -28,10 +28,10 @@ void *as_argument(int index) {
     return reinterpret_cast<void *>(value); // NOLINT(performance-no-int-to-ptr)
 }
 
-int create_thread(const pthread_attr_t *attributes, void *(*body)(void *), int index,
+int create_thread(const pthread_attr_t *attributes, void *(*body)(void *), void *argument,
                   pthread_t *tid) {
     pthread_t created{};
-    if (pthread_create(&created, attributes, body, as_argument(index)) != 0) {
+    if (pthread_create(&created, attributes, body, argument) != 0) {
         LOG("failed to create thread \n");
         return -1;
     }
@@ -55,21 +55,13 @@ int RawMsgModuleUnInit(int index) {
 }
 
 int RawMsgRecvTaskCreate(int index, pthread_t *tid) {
-    pthread_attr_t attributes;
-    const sched_param priority{.sched_priority = kReceivePriority};
-    (void)pthread_attr_init(&attributes); // none of these can fail with these values
-    (void)pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
-    (void)pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
-    (void)pthread_attr_setschedparam(&attributes, &priority);
     LOG("index=%d\n", index);
-    const int result = create_thread(&attributes, RawMsgRecv, index, tid);
-    (void)pthread_attr_destroy(&attributes);
-    return result;
+    return start_realtime_thread(RawMsgRecv, as_argument(index), kReceivePriority, tid);
 }
 
 // Default scheduling on purpose: a check pass must never hold up the real-time receive thread.
 int RawMsgRecvCheckTaskCreate(int index, pthread_t *tid) {
-    return create_thread(nullptr, RawMsgAckReadCheck, index, tid);
+    return create_thread(nullptr, RawMsgAckReadCheck, as_argument(index), tid);
 }
 
 pthread_mutex_t &find_check_lock(int index) {
@@ -92,6 +84,18 @@ void pin_to_processor(int index, const char *name) {
     if (sched_setaffinity(getpid(), sizeof mask, &mask) < 0) {
         LOG("%s : index %d sched_setaffinity failed\n", name, index);
     }
+}
+
+int start_realtime_thread(void *(*body)(void *), void *argument, int priority, pthread_t *tid) {
+    pthread_attr_t attributes;
+    const sched_param parameters{.sched_priority = priority};
+    (void)pthread_attr_init(&attributes); // none of these can fail with these values
+    (void)pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+    (void)pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
+    (void)pthread_attr_setschedparam(&attributes, &parameters);
+    const int result = create_thread(&attributes, body, argument, tid);
+    (void)pthread_attr_destroy(&attributes);
+    return result;
 }
 
 ThreadEnd::~ThreadEnd() {

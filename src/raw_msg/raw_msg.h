@@ -164,6 +164,37 @@ RUK_API int RawMsgRecvTaskCreate(int index, pthread_t *tid);
 /** Start the check thread with default scheduling. Returns 0, or -1: not created (logged). */
 RUK_API int RawMsgRecvCheckTaskCreate(int index, pthread_t *tid);
 
+/**
+ * Write a picture into one of the two DDR2 memories behind an FPGA, by plain writes in chunks of at
+ * most 15360 bytes. Each line begins at a multiple of 64 bytes there.
+ *
+ *   ts_sel    'e'; any other character sends nothing
+ *   fpga_sel  1: FPGA on interface 1 · 0: FPGA on interface 2 · any other sends nothing
+ *   addr      start in the memory, in words of 8 bytes
+ *   hor, ver  pixels of 4 bytes in a line, lines
+ *   data      hor x 4 x ver bytes, lines without gaps
+ *   ddr_sel   0 or 1: which memory; any other sends nothing
+ *
+ * Frames that cannot be sent are logged and the next ones tried; without memory for the picture
+ * nothing is sent (logged).
+ */
+RUK_API void DDR2Write(uint8_t ts_sel, uint8_t fpga_sel, uint32_t addr, uint32_t hor, uint16_t ver,
+                       const uint8_t *data, uint8_t ddr_sel);
+
+/** One chunk of it into the first memory: length bytes, then the record that stores them. */
+RUK_API void DDR2WriteProcess(uint8_t ts_sel, uint8_t fpga_sel, uint32_t addr, uint16_t length,
+                              uint32_t ignored, const uint8_t *chunk);
+
+/** One chunk into the second memory. */
+RUK_API void DDR2WriteProcess2(uint8_t ts_sel, uint8_t fpga_sel, uint32_t addr, uint16_t length,
+                               uint32_t ignored, const uint8_t *chunk);
+
+/**
+ * What a selector character selects: 0 for '0', 'B', 'b' · 1 for '1', 'A', 'a' · -1 for any other.
+ * Only the low 8 bits of character count.
+ */
+RUK_API int convert_index(int character);
+
 #ifdef __cplusplus
 }
 #endif

@@ -26,6 +26,12 @@ pthread_mutex_t &find_check_lock(int index);
  */
 void pin_to_processor(int index, const char *name);
 
+/**
+ * Start a SCHED_FIFO thread, whatever the caller's own scheduling is.
+ * Returns 0, or -1: not created (logged), *tid untouched.
+ */
+int start_realtime_thread(void *(*body)(void *), void *argument, int priority, pthread_t *tid);
+
 /** Wait until so many cancelled threads of this layer have ended. False: not within the time. */
 bool await_thread_ends(int count, std::chrono::milliseconds at_most);
 

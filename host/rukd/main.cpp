@@ -1,0 +1,190 @@
+// rukd - the reference host process: one link, the request service and its file thread, in the
+// foreground, with the log on standard output. Read it before you write a host of your own.
+#include "ap_msg/ap_msg.h"
+#include "board/board.h"
+#include "eth_raw/eth_raw.h"
+#include "log/log.h"
+#include "mem/mem.h"
+#include "queue/queue.h"
+#include "raw_msg/raw_msg.h"
+#include "timer/timer.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <net/if.h>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kMissing = 1; // exit status: something that the service needs is not there
+constexpr int kUsage = 2;
+
+constexpr char kHelp[] =
+    "usage: rukd [--frames] [INDEX]\n"
+    "Serve register, memory and picture requests of other processes (see ruk-ipc).\n"
+    "  INDEX      interface: 0 = eth0 (the one that requests go to), 1 = eth1, 2 = eth2\n"
+    "  --frames   dump every frame on standard output\n"
+    "  --help     this text          --version  version\n"
+    "Environment: APIPC_DIR  directory of the message sockets, /run/apipc without it\n"
+    "             APCARD_SLOT  slot of the card that this runs on, 0 without it\n"
+    "Needs CAP_NET_RAW and CAP_NET_ADMIN (raw sockets) and CAP_SYS_NICE (real-time threads).\n"
+    "Ends on SIGTERM or SIGINT with status 0; 1 when something is missing, 2 wrong arguments.\n";
+
+volatile sig_atomic_t g_end = 0;
+
+// The main thread waits on sem_test; posting it is all that a handler may do to wake it.
+void end_service(int /*signo*/) {
+    g_end = 1;
+    post_test();
+}
+
+void install_signal_handlers() {
+    for (const int signo : {SIGTERM, SIGINT}) {
+        (void)signal(signo, end_service); // cannot fail for these signals
+    }
+    for (const int signo : {SIGHUP, SIGPIPE}) {
+        (void)signal(signo, SIG_IGN); // the service outlives its terminal and the reader of its log
+    }
+}
+
+int wrong(const char *word) {
+    (void)fprintf(stderr, "rukd: argument '%s': not an interface index 0 to %d (see rukd --help)\n",
+                  word, MAX_ETH - 1);
+    return kUsage;
+}
+
+struct Arguments {
+    int index = 0;
+    int status = -1; // exit status, when there is nothing to serve
+};
+
+Arguments parse(int argc, char **argv) {
+    Arguments arguments;
+    bool has_index = false;
+    for (int i = 1; i < argc; i++) {
+        const std::string_view word = argv[i];
+        if (word == "--help") {
+            (void)fputs(kHelp, stdout);
+            return {.index = 0, .status = 0};
+        }
+        if (word == "--version") {
+            printf("rukd %s\n", RUKD_VERSION);
+            return {.index = 0, .status = 0};
+        }
+        if (word == "--frames") {
+            print_flag = 1;
+        } else if (!has_index && word.size() == 1 && word[0] >= '0' && word[0] < '0' + MAX_ETH) {
+            has_index = true;
+            arguments.index = word[0] - '0';
+        } else {
+            return {.index = 0, .status = wrong(argv[i])};
+        }
+    }
+    return arguments;
+}
+
+void start_layers() {
+    queue_init();
+    (void)mem_init();
+    log_debug = 1;
+    (void)sem_init(&sem_test, 0, 0); // cannot fail with this value
+    if (initTimer() != 0) {
+        perror("rukd: interval timer");
+    }
+}
+
+const char *message_directory() {
+    const char *directory = getenv("APIPC_DIR");
+    return directory != nullptr && *directory != '\0' ? directory : "/run/apipc";
+}
+
+// The receive thread registers too, but could only log why it failed.
+bool register_service() {
+    if (PmdApipcInit() == 0) {
+        return true;
+    }
+    if (errno == EADDRINUSE) {
+        (void)fprintf(stderr,
+                      "rukd: message directory %s: another process serves slot %d already\n",
+                      message_directory(), apcard_bit_self());
+    } else {
+        (void)fprintf(stderr, "rukd: message directory %s: %s\n", message_directory(),
+                      strerror(errno));
+    }
+    return false;
+}
+
+bool open_link(int index) {
+    const char *name = g_netdev_name[index];
+    if (if_nametoindex(name) == 0) {
+        (void)fprintf(stderr, "rukd: %s: no such interface\n", name);
+        return false;
+    }
+    pthread_t receive{};
+    pthread_t check{};
+    errno = 0;
+    (void)RawMsgModuleInit(index, &receive, &check); // 0 in every case
+    if (g_eth_init[index].flag == 0 || check == pthread_t{}) {
+        const bool no_right = errno == EPERM || errno == EACCES;
+        (void)fprintf(stderr, "rukd: %s: link not up: %s%s\n", name, strerror(errno),
+                      no_right ? " (raw sockets need CAP_NET_RAW and CAP_NET_ADMIN)" : "");
+        return false;
+    }
+    if (receive == pthread_t{}) {
+        (void)fprintf(stderr, "rukd: %s: no right to real-time threads (CAP_SYS_NICE)\n", name);
+        return false;
+    }
+    return true;
+}
+
+void *as_argument(int index) {
+    const intptr_t value = index;
+    return reinterpret_cast<void *>(value); // NOLINT(performance-no-int-to-ptr)
+}
+
+// The file thread first: its semaphore must be there before a request can come.
+bool start_service(int index) {
+    if (PmdApFileTaskCreate(as_argument(index)) == 0 &&
+        PmdApRecvTaskCreate(as_argument(index)) == 0) {
+        return true;
+    }
+    (void)fprintf(stderr, "rukd: request service: no right to real-time threads (CAP_SYS_NICE)\n");
+    return false;
+}
+
+// Each request that waited for a card has posted too; taking the posts keeps the count from
+// running over in a process that serves for years.
+void wait_for_end() {
+    while (g_end == 0) {
+        (void)sem_wait(&sem_test); // also ended by every tick
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const Arguments arguments = parse(argc, argv);
+    if (arguments.status >= 0) {
+        return arguments.status;
+    }
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0); // a log that is watched is up to date
+    install_signal_handlers();
+    start_layers();
+    if (!register_service() || !open_link(arguments.index) || !start_service(arguments.index)) {
+        (void)fflush(stdout);
+        _exit(kMissing); // threads may run: their memory must stay
+    }
+    if (arguments.index != GetIndexById(GetIdByIndex(arguments.index))) {
+        (void)fprintf(stderr, "rukd: %s is up, but requests go to %s\n",
+                      g_netdev_name[arguments.index], g_netdev_name[GetIndexById(0)]);
+    }
+    printf("rukd: ready, slot %d, %s, messages in %s\n", apcard_bit_self(),
+           g_netdev_name[arguments.index], message_directory());
+    wait_for_end();
+    printf("rukd: ended\n");
+    _exit(0); // the threads are in the middle of their waits: the end of the process ends them
+}

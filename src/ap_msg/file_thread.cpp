@@ -1,0 +1,78 @@
+// The file thread: pictures and firmware, which would hold up the service's receive thread.
+#include "ap_msg/ap_msg.h"
+
+#include "ap_msg/handover.h"
+#include "ap_msg/request.h"
+#include "log/write.h"
+#include "mem/locks.h"
+#include "raw_msg/raw_msg_priv.h"
+
+#include <algorithm>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kFilePriority = 95;
+constexpr size_t kRequestCopy = 2048; // zeros behind what the hand-over area holds
+
+uint8_t file_name_data[kHandoverArea];  // request head and data of the latest file request
+uint8_t file_write_head[kHandoverArea]; // the first 40 bytes of its message
+pthread_mutex_t file_mutex = PTHREAD_MUTEX_INITIALIZER; // both; held while a request is carried out
+sem_t sem_file_write;                                   // file requests handed over
+
+struct FileService {
+    uint8_t code;
+    int (*run)(void *head, void *req);
+};
+constexpr FileService kFileServices[] = {
+    {message::kCodePutPicture, write_file_handle},
+    {message::kCodeGetPicture, read_file_handle},
+};
+
+// Under the lock from the copy to the end of the work: the next file request waits in the receive
+// thread, so that it cannot overwrite one that has been taken but not begun.
+void carry_out_next() {
+    uint8_t request[kRequestCopy] = {};
+    uint8_t head[kHandoverArea];
+    const MutexGuard guard(file_mutex);
+    memcpy(request, file_name_data, sizeof file_name_data);
+    memcpy(head, file_write_head, sizeof file_write_head);
+    const uint8_t code = read_request(request).code;
+    for (const FileService &service : kFileServices) {
+        if (service.code == code) {
+            (void)service.run(head, request); // failures are logged; pictures get no reply
+        }
+    }
+}
+
+} // namespace
+
+void hand_over(std::span<const uint8_t> message) {
+    {
+        const MutexGuard guard(file_mutex);
+        memset(file_name_data, 0, sizeof file_name_data); // no tail of an older name
+        memset(file_write_head, 0, sizeof file_write_head);
+        memcpy(file_name_data, message.data() + message::kHeadSize,
+               message.size() - message::kHeadSize);
+        memcpy(file_write_head, message.data(),
+               std::min<size_t>(message.size(), message::kHeaderSize));
+    }
+    (void)sem_post(&sem_file_write); // cannot overflow: each post has waited for the lock
+}
+
+int PmdApFileTaskCreate(void *arg) {
+    (void)sem_init(&sem_file_write, 0, 0); // cannot fail with this value
+    pthread_t unused{};                    // the file thread runs until the process ends
+    return start_realtime_thread(ApMsgFileProc, arg, kFilePriority, &unused);
+}
+
+void *ApMsgFileProc(void *index) {
+    const int number = static_cast<int>(reinterpret_cast<intptr_t>(index));
+    pin_to_processor(number, "ApMsgFileProc");
+    LOG("file write  thread id : %d index = %d\n", gettid(), number);
+    for (;;) {
+        wait_full(sem_file_write);
+        carry_out_next();
+    }
+}

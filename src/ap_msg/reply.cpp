@@ -1,0 +1,39 @@
+#include "ap_msg/reply.h"
+
+#include "ap_msg/ap_msg.h"
+#include "board/board.h"
+#include "log/write.h"
+
+#include <algorithm>
+#include <cstring>
+
+uint32_t local_address(uint32_t module) {
+    return (static_cast<uint32_t>(apcard_bit_self()) << message::kSlotShift) | module;
+}
+
+uint32_t own_address() {
+    return local_address(message::kOwnModule);
+}
+
+void mark_as_reply(uint8_t *head, uint32_t result, uint32_t data_len) {
+    store_le(head, message::kAptid, own_address());
+    store_le(head, message::kSource, message::kOwnModuleId);
+    store_le(head, message::kResult, result);
+    store_le(head, message::kDataLen, data_len);
+}
+
+void write_reply_header(uint8_t *header, std::span<const uint8_t> request, uint32_t result,
+                        uint32_t data_len) {
+    memset(header, 0, message::kHeaderSize);
+    memcpy(header, request.data(), std::min<size_t>(request.size(), message::kHeaderSize));
+    mark_as_reply(header, result, data_len);
+}
+
+int write_file_resp(void *head, int result) {
+    auto *header = static_cast<uint8_t *>(head);
+    const uint32_t requester = load_le(header, message::kAptid);
+    mark_as_reply(header, static_cast<uint32_t>(result), 0);
+    const int sent = ApipcDataSendAck(static_cast<int>(requester), header);
+    LOG("write file response %s\n", result == 0 ? "ok" : "not ok");
+    return sent;
+}

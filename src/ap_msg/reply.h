@@ -1,0 +1,25 @@
+// reply.h - the service's own addresses and the head of its replies.
+#ifndef AP_MSG_REPLY_H
+#define AP_MSG_REPLY_H
+
+#include "ap_msg/message_layout.h"
+
+#include <span>
+
+/** The address of a module of the card that this program runs on. */
+uint32_t local_address(uint32_t module);
+
+/** The service's own address, computed afresh: the card may be told its slot while we run. */
+uint32_t own_address();
+
+constexpr uint32_t kDone = 0;
+constexpr uint32_t kFailed = 0xFFFFFFFF;
+
+/** Turn the head of a request into that of its reply; the other fields go back as they came. */
+void mark_as_reply(uint8_t *head, uint32_t result, uint32_t data_len);
+
+/** Write the 40-byte header of the reply to a request. What the request did not have is 0. */
+void write_reply_header(uint8_t *header, std::span<const uint8_t> request, uint32_t result,
+                        uint32_t data_len);
+
+#endif
