@@ -16,6 +16,7 @@
 #include "counters.h"
 #include "faults.h"
 #include "memory.h"
+#include "picture_side.h"
 #include "recent.h"
 #include "wire.h"
 
@@ -29,7 +30,8 @@ struct Identity {
 
 struct Card {
     Identity identity;
-    Memory memory;
+    Memory memory; // registers
+    PictureSide picture;
     FaultEngine faults;
     RecentRequests recent;
     Counters counters;

@@ -29,6 +29,10 @@ public:
     [[nodiscard]] int get() const {
         return fd_;
     }
+    /** Give the descriptor away. */
+    int release() {
+        return std::exchange(fd_, -1);
+    }
     [[nodiscard]] bool valid() const {
         return fd_ >= 0;
     }

@@ -11,9 +11,10 @@ constexpr const char *kIntroduction =
     R"(Usage: ruk-card [OPTION]... IFNAME...
 
 Simulate an FPGA card on one or more network interfaces: answer raw message requests (reads,
-acknowledged writes, plain writes) from a sparse memory of 4 GiB. One process is one card with one
-memory, however many interfaces it listens on. Prints "ready" and the interface names as soon as it
-listens; ends on SIGINT, SIGTERM or SIGHUP. Needs the right to open raw sockets (CAP_NET_RAW).
+acknowledged writes, plain writes) from a sparse memory of 4 GiB, and take pictures into two DDR2
+memories and through a picture port. One process is one card with one memory of each kind, however
+many interfaces it listens on. Prints "ready" and the interface names as soon as it listens; ends
+on SIGINT, SIGTERM or SIGHUP. Needs the right to open raw sockets (CAP_NET_RAW).
 
 Options (--name VALUE or --name=VALUE; "--" ends them):
 )";
@@ -37,10 +38,11 @@ Examples:
   ruk-card --error 02@a0000-a00ffx3 card0         refuse three requests, then work
   ruk-card --delay 1ms:20ms card0                 late answers, some overtaking others
   ruk-card --memory-load boot.bin@18000000 --memory-save after.bin@18000000:4096 card0
+  ruk-card --picture-dir pics --ddr2-picture 0:0:640x480 card0 card1   pictures to look at
 
 Signals:
-  SIGUSR1 writes the counters and goes on; SIGINT, SIGTERM and SIGHUP save memory, write the
-  counters and end. Replies that still wait for their time are then not sent.
+  SIGUSR1 writes the counters and goes on; SIGINT, SIGTERM and SIGHUP save memory and DDR2
+  pictures, write the counters and end. Replies that still wait for their time are then not sent.
 
 Counters, one JSON object on one line:
 )";
@@ -49,7 +51,7 @@ constexpr const char *kStatuses = R"(
 Exit status:
   0  ended by a signal, everything saved
   1  could not work: interface missing, no rights, file not readable or writable
-  2  wrong argument
+  2  wrong argument, or a picture directory in which no files can be made
 )";
 
 } // namespace

@@ -12,6 +12,7 @@
 #include <sys/timerfd.h>
 
 #include <array>
+#include <utility>
 
 #include "memory_file.h"
 #include "receiver.h"
@@ -28,6 +29,7 @@ struct Session {
     const Options &options;
     Station station;
     Fd signals;
+    uint32_t next_picture = 1; // number of the next file
     bool ended = false;
     std::string failure;
     std::list<Receiver> receivers; // last: they stop before the rest goes
@@ -88,7 +90,9 @@ std::string open_signals(Session &session) {
 std::string open_events(Session &session) {
     session.station.timer = Fd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     session.station.failed = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    const bool done = session.station.timer.valid() && session.station.failed.valid();
+    session.station.pictures = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    const bool done = session.station.timer.valid() && session.station.failed.valid() &&
+                      session.station.pictures.valid();
     return done ? "" : failed_to("prepare timers");
 }
 
@@ -108,6 +112,7 @@ std::string open_links(Session &session) {
 
 std::string start(Session &session) {
     session.station.card.identity = session.options.identity;
+    session.station.card.picture.port.keep_pixels = !session.options.picture_directory.empty();
     session.station.card.faults = make_fault_engine(session.options.faults);
     for (const auto step : {load_memory, open_trace, open_signals, open_events, open_links}) {
         std::string error = step(session);
@@ -153,11 +158,46 @@ void serve_failures(Session &session) {
     keep_first(session.failure, station_failure(session.station));
 }
 
+void print_line(const std::string &line) {
+    (void)std::fputs((line + "\n").c_str(), stdout); // the counters tell the same
+    (void)std::fflush(stdout);
+}
+
+// How a saved picture ends its line. A picture that cannot be saved does not stop the card.
+std::string saved_text(Session &session, const std::string &error, const std::string &path) {
+    station_count_saved(session.station, error.empty());
+    if (!error.empty()) {
+        (void)std::fprintf(stderr, "%s\n", error.c_str());
+        return ", not saved";
+    }
+    return ", saved as " + path;
+}
+
+void report_picture(Session &session, PortPicture picture) {
+    std::string line = port_text(picture);
+    if (!session.options.picture_directory.empty()) {
+        std::string path;
+        const std::string error = save_port_picture(
+            std::move(picture), session.options.picture_directory, session.next_picture, path);
+        line += saved_text(session, error, path);
+    }
+    print_line(line);
+}
+
+void serve_pictures(Session &session) {
+    uint64_t count = 0;
+    (void)read(session.station.pictures.get(), &count, sizeof count); // only to clear it
+    for (PortPicture &picture : station_take_pictures(session.station)) {
+        report_picture(session, std::move(picture));
+    }
+}
+
 void wait_and_serve(Session &session) {
-    std::array<pollfd, 3> waits = {{{session.signals.get(), POLLIN, 0},
+    std::array<pollfd, 4> waits = {{{session.signals.get(), POLLIN, 0},
                                     {session.station.timer.get(), POLLIN, 0},
-                                    {session.station.failed.get(), POLLIN, 0}}};
-    constexpr std::array kServe = {serve_signals, serve_timer, serve_failures};
+                                    {session.station.failed.get(), POLLIN, 0},
+                                    {session.station.pictures.get(), POLLIN, 0}}};
+    constexpr std::array kServe = {serve_signals, serve_timer, serve_failures, serve_pictures};
     while (!session.ended && session.failure.empty()) {
         if (poll(waits.data(), waits.size(), -1) < 0 && errno != EINTR) {
             session.failure = failed_to("wait");
@@ -173,9 +213,22 @@ void wait_and_serve(Session &session) {
 
 // ---- end ----
 
+void save_ddr2_pictures(Session &session) {
+    for (const Ddr2PictureOrder &order : session.options.ddr2_pictures) {
+        std::string path;
+        const std::string error =
+            save_ddr2_picture(session.station.card.picture.ddr2[order.memory].memory, order,
+                              session.options.picture_directory, path);
+        print_line("ddr2 " + std::to_string(order.memory) + ": " + std::to_string(order.width) +
+                   " x " + std::to_string(order.height) + saved_text(session, error, path));
+    }
+}
+
 // Everything is tried, whatever fails; the first failure is the one reported.
 std::string finish(Session &session) {
     session.receivers.clear();
+    serve_pictures(session);
+    save_ddr2_pictures(session);
     std::string failure = session.failure;
     for (const SaveOrder &order : session.options.saves) {
         keep_first(failure, memory_save(session.station.card.memory, order));

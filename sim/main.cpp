@@ -7,6 +7,7 @@
 #include "help.h"
 #include "loop.h"
 #include "options.h"
+#include "picture_file.h"
 
 namespace {
 
@@ -21,7 +22,10 @@ int print(const std::string &text) {
 
 int run(std::span<const char *const> arguments) {
     card::Options options;
-    const std::string wrong = card::parse_options(arguments, options);
+    std::string wrong = card::parse_options(arguments, options);
+    if (wrong.empty() && !options.picture_directory.empty()) {
+        wrong = card::check_picture_directory(options.picture_directory);
+    }
     if (!wrong.empty()) {
         (void)std::fprintf(stderr, "ruk-card: %s\nTry 'ruk-card --help'.\n", wrong.c_str());
         return kExitUsage;

@@ -30,6 +30,7 @@ MemoryPage &make_page(Memory &memory, uint32_t addr) {
     auto &page = table->pages[page_index(addr)];
     if (page == nullptr) {
         page = std::make_unique<MemoryPage>();
+        memory.page_count++;
     }
     return *page;
 }
@@ -63,6 +64,17 @@ void memory_write(Memory &memory, uint32_t addr, Bytes data) {
         addr += static_cast<uint32_t>(count);
         data = data.subspan(count);
     }
+}
+
+size_t memory_missing_pages(const Memory &memory, uint32_t addr, size_t size) {
+    size_t missing = 0;
+    while (size > 0) {
+        const size_t count = in_page(addr, size);
+        missing += find_page(memory, addr) == nullptr ? 1U : 0U;
+        addr += static_cast<uint32_t>(count);
+        size -= count;
+    }
+    return missing;
 }
 
 void memory_for_each_page(const Memory &memory,

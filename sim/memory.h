@@ -29,6 +29,7 @@ struct MemoryTable {
 
 struct Memory {
     std::array<std::unique_ptr<MemoryTable>, size_t{1} << kTableBits> tables;
+    size_t page_count = 0;
 };
 
 /** Copy `out.size()` bytes from `addr` on. */
@@ -36,6 +37,9 @@ void memory_read(const Memory &memory, uint32_t addr, MutableBytes out);
 
 /** Copy `data` to `addr` on; pages come into being as needed (throws std::bad_alloc). */
 void memory_write(Memory &memory, uint32_t addr, Bytes data);
+
+/** How many pages a write of `size` bytes to `addr` on would bring into being. */
+size_t memory_missing_pages(const Memory &memory, uint32_t addr, size_t size);
 
 /** Call `visit(address, page)` for each existing page, in rising order, until it returns false. */
 void memory_for_each_page(const Memory &memory,

@@ -28,6 +28,9 @@ constexpr const char *kWantRange = "expected ADDR, ADDR-ADDR or any, perhaps fol
 constexpr const char *kWantNth = "expected FAULT:N[,N...] with FAULT drop_request, drop, corrupt, "
                                  "duplicate, delay, reorder or noise and N from 1";
 constexpr const char *kWantSave = "expected FILE or FILE@ADDR:LEN within 4 GiB";
+constexpr const char *kWantDdr2Picture =
+    "expected MEM:ADDR:WIDTHxHEIGHT with MEM 0 or 1, all of it within the 4 GiB of the memory and "
+    "not larger than 64 MiB as a picture";
 
 const char *set_model(Options &options, std::string_view text) {
     const auto value = parse_hex(text, kMax16);
@@ -95,6 +98,45 @@ const char *add_save(Options &options, std::string_view text) {
         return "expected a file name";
     }
     options.saves.push_back(order);
+    return nullptr;
+}
+
+const char *set_picture_directory(Options &options, std::string_view text) {
+    if (text.empty()) {
+        return "expected a directory";
+    }
+    options.picture_directory = text;
+    return nullptr;
+}
+
+// "MEM:ADDR:WIDTHxHEIGHT"; numbers that are missing or too large do not fit.
+std::optional<Ddr2PictureOrder> parse_ddr2_picture(std::string_view text) {
+    const auto head = split_first(text, ':');
+    const auto tail = head ? split_first(head->second, ':') : std::nullopt;
+    const auto sides = tail ? split_last(tail->second, 'x') : std::nullopt;
+    if (!sides) {
+        return std::nullopt;
+    }
+    const auto memory = parse_count(head->first, kMax8);
+    const auto addr = parse_hex(tail->first, kMax32);
+    const auto width = parse_count(sides->first, kMax32);
+    const auto height = parse_count(sides->second, kMax32);
+    if (!memory || !addr || !width || !height) {
+        return std::nullopt;
+    }
+    const Ddr2PictureOrder order{.memory = static_cast<size_t>(*memory),
+                                 .addr = *addr,
+                                 .width = static_cast<uint32_t>(*width),
+                                 .height = static_cast<uint32_t>(*height)};
+    return ddr2_picture_fits(order) ? std::optional(order) : std::nullopt;
+}
+
+const char *add_ddr2_picture(Options &options, std::string_view text) {
+    const auto order = parse_ddr2_picture(text);
+    if (!order) {
+        return kWantDdr2Picture;
+    }
+    options.ddr2_pictures.push_back(*order);
     return nullptr;
 }
 
@@ -295,6 +337,13 @@ constexpr OptionRow kRows[] = {
     {"--memory-save", "FILE[@ADDR:LEN]", add_save,
      "at the end save LEN bytes from ADDR, or without them everything\n"
      "from address 0 to the last page written; may be repeated"},
+    {"--picture-dir", "DIR", set_picture_directory,
+     "save the pictures that the picture port receives in DIR, as\n"
+     "picture-001.png and so on; files that exist are kept"},
+    {"--ddr2-picture", "MEM:ADDR:WIDTHxHEIGHT", add_ddr2_picture,
+     "at the end save a picture of this size from DDR2 memory MEM (0 or\n"
+     "1) in DIR as ddr2-MEM-ADDR.png; ADDR counts 8 bytes, as in the\n"
+     "control record; may be repeated"},
     {"--seed", "N", set_seed, "start of the random faults (default 1)"},
     {"--drop", "P", set_rate<Fault::kDrop>, "lose P percent of the replies"},
     {"--drop-requests", "P", set_rate<Fault::kDropRequest>,
@@ -402,6 +451,9 @@ std::string complete(Options &out, bool share_given) {
     }
     if (faults.delay_max_us > 0 && !share_given && !orders_delay(faults)) {
         share = kAlways;
+    }
+    if (!out.ddr2_pictures.empty() && out.picture_directory.empty()) {
+        return "options: '--ddr2-picture': needs '--picture-dir'";
     }
     if (out.interfaces.empty()) {
         return "options: no interface given";

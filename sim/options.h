@@ -8,6 +8,7 @@
 
 #include "card.h"
 #include "memory_file.h"
+#include "picture_file.h"
 
 namespace card {
 
@@ -19,6 +20,8 @@ struct Options {
     FaultConfig faults;
     std::vector<LoadOrder> loads;
     std::vector<SaveOrder> saves;
+    std::string picture_directory; // empty: save no pictures
+    std::vector<Ddr2PictureOrder> ddr2_pictures;
     bool trace = false;
     std::string trace_path;    // empty: standard output
     std::string counters_path; // empty: standard output

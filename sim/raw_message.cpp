@@ -1,6 +1,7 @@
 #include "raw_message.h"
 
 #include <algorithm>
+#include <array>
 
 #include "noise.h"
 #include "raw_message_text.h"
@@ -90,9 +91,34 @@ void add_noise(const Job &job) {
     }
 }
 
-void write_memory(const Job &job) {
-    memory_write(job.card.memory, job.request.addr, job.request.data);
-    job.card.counters.bytes_written += job.request.data.size();
+// Read requests carry no data: for them this does nothing.
+void write_registers(const Job &job) {
+    if (job.request.code == wire::kCodeRead) {
+        return;
+    }
+    const wire::Request &request = job.request;
+    memory_write(job.card.memory, request.addr, request.data);
+    picture_write(job.card.picture, request.addr, request.data, job.card.memory, job.card.counters);
+    job.card.counters.bytes_written += request.data.size();
+}
+
+void read_registers(const Job &job, MutableBytes out) {
+    const wire::Request &request = job.request;
+    const FifoRead read{
+        .link = job.arrival.link, .seq = request.seq, .addr = request.addr, .len = request.len};
+    const bool wanted = request.code == wire::kCodeRead;
+    if (!wanted || !picture_read(job.card.picture, read, out, job.card.counters)) {
+        memory_read(job.card.memory, request.addr, out);
+    }
+}
+
+// Carry a request out of which nobody hears: a read takes its bytes from where they wait as well.
+void carry_out_unheard(const Job &job) {
+    std::array<uint8_t, wire::kMaxPayload> unheard;
+    write_registers(job);
+    if (job.request.code == wire::kCodeRead) {
+        read_registers(job, MutableBytes(unheard).first(job.request.len));
+    }
 }
 
 void commit(const Job &job, Fault fault, Disposition disposition) {
@@ -167,7 +193,7 @@ void build_frame(const Job &job, const AddressRule *refusal, Reply &reply) {
     }
     apply_fixed_faults(job.card.faults.config, head, reply.faults);
     const MutableBytes frame(reply.bytes);
-    memory_read(job.card.memory, request.addr, frame.subspan(wire::reply::kPayload, carried));
+    read_registers(job, frame.subspan(wire::reply::kPayload, carried));
     job.card.counters.bytes_read += carried;
     reply.size = wire::encode_reply(head, carried, frame);
 }
@@ -212,7 +238,7 @@ void answer(const Job &job, RecentRequest *entry) {
         commit(job, Fault::kError, Disposition::kRefused);
     } else {
         job.out.disposition = Disposition::kAnswered;
-        write_memory(job);
+        write_registers(job);
     }
     Reply *reply = outcome_add(job.out);
     if (reply == nullptr) {
@@ -235,10 +261,10 @@ void carry_out(const Job &job) {
     if (fault_happens(job.card.faults, Fault::kDropRequest)) {
         commit(job, Fault::kDropRequest, Disposition::kLostRequest);
     } else if (job.request.code == wire::kCodeWrite) {
-        write_memory(job);
+        write_registers(job);
         job.out.disposition = Disposition::kWritten;
     } else if (apply_rule(job.card.faults, Fault::kSilence, job.request.addr) != nullptr) {
-        write_memory(job); // carried out, but nobody hears of it
+        carry_out_unheard(job);
         commit(job, Fault::kSilence, Disposition::kSilent);
     } else {
         answer(job, entry);

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 
+#include "picture_text.h"
 #include "wire.h"
 
 namespace card {
@@ -75,7 +76,7 @@ std::string request_text(Bytes frame) {
     if (!request.data.empty()) {
         out += " data" + hex_bytes(request.data);
     }
-    return out;
+    return decoded == wire::Decoded::kRequest ? out + describe_picture_request(request) : out;
 }
 
 std::string reply_text(Bytes frame) {

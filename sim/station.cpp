@@ -5,6 +5,7 @@
 #include <ctime>
 #include <sys/timerfd.h>
 #include <unistd.h>
+#include <utility>
 
 #include "trace.h"
 
@@ -25,6 +26,12 @@ uint64_t clock_us() {
 void print_line_locked(FILE *file, const std::string &line) {
     (void)std::fputs((line + "\n").c_str(), file); // a lost trace must not stop the card
     (void)std::fflush(file);
+}
+
+// Make an eventfd readable.
+void raise(const Fd &event) {
+    const uint64_t one = 1;
+    (void)write(event.get(), &one, sizeof one); // cannot block before 2^64 calls
 }
 
 void count_sent_locked(Counters &counters, ReplyKind kind) {
@@ -95,6 +102,9 @@ void station_receive(Station &station, size_t link, Bytes frame, Outcome &outcom
         outbox_put(station.outbox, link, outcome.replies[i], arrival.now_us);
     }
     arm_timer_locked(station);
+    if (!station.card.picture.port.finished.empty()) {
+        raise(station.pictures);
+    }
 }
 
 void station_receive_failed(Station &station) {
@@ -112,13 +122,23 @@ void station_send_late(Station &station) {
 void station_fail(Station &station, const std::string &reason) {
     const std::lock_guard guard(station.lock);
     station.failure = reason;
-    const uint64_t one = 1;
-    (void)write(station.failed.get(), &one, sizeof one); // cannot block before 2^64 failures
+    raise(station.failed);
 }
 
 std::string station_failure(Station &station) {
     const std::lock_guard guard(station.lock);
     return station.failure;
+}
+
+std::vector<PortPicture> station_take_pictures(Station &station) {
+    const std::lock_guard guard(station.lock);
+    return std::exchange(station.card.picture.port.finished, {});
+}
+
+void station_count_saved(Station &station, bool saved) {
+    const std::lock_guard guard(station.lock);
+    Counters &counters = station.card.counters;
+    (saved ? counters.pictures_saved : counters.picture_save_errors)++;
 }
 
 Counters station_counters(Station &station) {

@@ -37,6 +37,7 @@ struct Station {
     uint64_t start_us = 0; // all times are counted from here
     Fd failed;             // an eventfd, readable when a thread cannot go on
     std::string failure;   // why
+    Fd pictures;           // an eventfd, readable when the picture port has finished one
 };
 
 /** Microseconds since the start. */
@@ -56,6 +57,12 @@ void station_fail(Station &station, const std::string &reason);
 
 /** Why a thread could not go on; empty while all can. Takes the lock. */
 std::string station_failure(Station &station);
+
+/** Take away the pictures that the picture port has finished. Takes the lock. */
+std::vector<PortPicture> station_take_pictures(Station &station);
+
+/** Count a picture that was saved or could not be saved. Takes the lock. */
+void station_count_saved(Station &station, bool saved);
 
 /** The counters as they are now. Takes the lock. */
 Counters station_counters(Station &station);

@@ -59,10 +59,10 @@ void write_bmp_header(FILE *file, const Picture &picture) {
     (void)fwrite(header, sizeof header, 1, file); // a failure shows when the file is closed
 }
 
-// The row that was read first stands last.
+// The row that was read first stands last. Of rows without pixels there may be billions.
 void write_bmp_rows(FILE *file, const Picture &picture) {
     const size_t line = size_t{picture.hor} * ddr2::kPixelSize;
-    for (size_t i = picture.ver; i > 0; i--) {
+    for (size_t i = line == 0 ? 0 : picture.ver; i > 0; i--) {
         (void)fwrite(picture.pixels.get() + (i - 1) * line, 1, line, file);
     }
 }
@@ -107,12 +107,14 @@ int read_file_handle(void * /*head*/, void *req) {
         return -1;
     }
     File bmp_file = open_output(bmp_name);
+    if (bmp_file != nullptr) {
+        write_bmp_header(bmp_file.get(), picture);
+    }
     File plain_file = bmp_file == nullptr ? nullptr : open_output(request.name);
     if (plain_file == nullptr) {
         LOG("\nfile open failed\n");
         return -1;
     }
-    write_bmp_header(bmp_file.get(), picture);
     read_timed(request.to, picture);
     (void)my_system("sync"); // the files are of use without it
     LOG("\nwait for bmp file generatiiiiing....");

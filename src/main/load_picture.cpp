@@ -59,7 +59,8 @@ void send(const Target &target, const uint8_t *pixels) {
 HeapBytes convert(const Target &target, const uint8_t *source) {
     const uint64_t line = uint64_t{target.hor} * ddr2::kPixelSize;
     HeapBytes converted = heap_bytes(bytes_of(target.hor, target.ver, ddr2::kPixelSize));
-    for (uint64_t row = target.ver; converted != nullptr && row > 0; row--) {
+    const uint64_t rows = target.hor == 0 ? 0 : target.ver; // empty rows may be billions
+    for (uint64_t row = rows; converted != nullptr && row > 0; row--) {
         uint8_t *pixel = converted.get() + (row - 1) * line;
         for (uint32_t i = 0; i < target.hor; i++) {
             pixel[0] = kOpaque;

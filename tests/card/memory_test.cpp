@@ -149,4 +149,18 @@ TEST(MemoryFile, RefusesAFileThatRunsPastTheEnd) {
     EXPECT_EQ(read(memory, 0xFFFFFFF0, 16), Data(16, 7));
 }
 
+TEST(Memory, KnowsItsPagesAndThoseThatAreMissing) {
+    const auto memory = std::make_unique<card::Memory>();
+    EXPECT_EQ(memory->page_count, 0U);
+    EXPECT_EQ(card::memory_missing_pages(*memory, 0xFFF, 2), 2U);
+    EXPECT_EQ(card::memory_missing_pages(*memory, 0xFFF, 1), 1U);
+    EXPECT_EQ(card::memory_missing_pages(*memory, 0x1000, 0), 0U);
+    card::memory_write(*memory, 0x1FFF, Data{1, 2});
+    EXPECT_EQ(memory->page_count, 2U);
+    card::memory_write(*memory, 0x1000, Data(8192, 3));
+    EXPECT_EQ(memory->page_count, 2U);
+    EXPECT_EQ(card::memory_missing_pages(*memory, 0, 0x5000), 3U);
+    EXPECT_EQ(card::memory_missing_pages(*memory, 0xFFFFF000, 0x2000), 2U) << "over the end";
+}
+
 } // namespace

@@ -120,6 +120,34 @@ TEST(Options, TakeMemoryFiles) {
     EXPECT_EQ(options.saves[1].len, 256U);
 }
 
+TEST(Options, TakePictures) {
+    const Options options = good({"--picture-dir", "d", "--ddr2-picture", "0:0:1920x1080",
+                                  "--ddr2-picture=1:1FfF8:1x2", "c"});
+    EXPECT_EQ(options.picture_directory, "d");
+    ASSERT_EQ(options.ddr2_pictures.size(), 2U);
+    EXPECT_EQ(options.ddr2_pictures[0].width, 1920U);
+    EXPECT_EQ(options.ddr2_pictures[0].height, 1080U);
+    EXPECT_EQ(options.ddr2_pictures[1].memory, 1U);
+    EXPECT_EQ(options.ddr2_pictures[1].addr, 0x1FFF8U);
+    EXPECT_EQ(options.ddr2_pictures[1].height, 2U);
+    EXPECT_TRUE(good({"c"}).picture_directory.empty());
+}
+
+TEST(Options, RefuseWrongPictures) {
+    for (const char *text :
+         {"", "0", "0:0", "0:0:", "0:0:1", "0:0:x", "0:0:1x", "0:0:x1", "2:0:1x1", ":0:1x1",
+          "0::1x1", "0:0:0x1", "0:0:1x0", "0:0:65536x1", "0:0:65535x65535", "0:ffffffff:1x1",
+          "0:g:1x1", "0:0:1x1 ", "0:0:1x1:1"}) {
+        EXPECT_TRUE(wrong({"--picture-dir", "d", "--ddr2-picture", text, "c"})
+                        .starts_with("options: '--ddr2-picture' '" + std::string(text) +
+                                     "': expected MEM:ADDR:WIDTHxHEIGHT"))
+            << text;
+    }
+    EXPECT_EQ(wrong({"--ddr2-picture", "0:0:1x1", "c"}),
+              "options: '--ddr2-picture': needs '--picture-dir'");
+    EXPECT_EQ(wrong({"--picture-dir=", "c"}), "options: '--picture-dir' '': expected a directory");
+}
+
 TEST(Options, HelpAndVersionNeedNoInterface) {
     EXPECT_EQ(good({"--help"}).action, card::Action::kHelp);
     EXPECT_EQ(good({"--drop", "5", "--version"}).action, card::Action::kVersion);
@@ -189,8 +217,9 @@ TEST(Options, TakeNoMoreThanSixteenInterfaces) {
 
 TEST(Help, NamesEveryOptionAndExitStatus) {
     const std::string text = card::help_text();
-    for (const char *part : {"--drop-requests P", "--memory-save FILE[@ADDR:LEN]", "--nth",
-                             "--lie-field", "unanswered_requests", "Exit status:", "SIGUSR1"}) {
+    for (const char *part :
+         {"--drop-requests P", "--memory-save FILE[@ADDR:LEN]", "--nth", "--lie-field",
+          "--picture-dir DIR", "port_complete", "unanswered_requests", "Exit status:", "SIGUSR1"}) {
         EXPECT_NE(text.find(part), std::string::npos) << part;
     }
     EXPECT_TRUE(card::version_text().starts_with("ruk-card "));

@@ -61,6 +61,42 @@ TEST(Trace, ShowsWhyAFrameIsNotAnswered) {
               "    1.000002 card0 rx   20 too short to tell -> bad: length");
 }
 
+TEST(Trace, SaysWhatRequestsMeanToThePictureSide) {
+    const Frame record = {0x80, 0x07, 0, 0, 0xF0, 0, 1};
+    const struct {
+        Frame frame;
+        const char *text; // empty: nothing is added
+    } cases[] = {
+        {requests::plain_write(0xB0578, {1}), " = ddr2 0 chunk offset 1400 ->"},
+        {requests::plain_write(0xF0000, {1}), " = ddr2 1 chunk offset 0 ->"},
+        {requests::plain_write(0xA0001, record),
+         " = ddr2 0 move addr 00000780 bursts 240 mode 1 ->"},
+        {requests::plain_write(0xE0001, {1}), " = ddr2 1 move (wrong length) ->"},
+        {requests::plain_write(0xE0008, record),
+         " = ddr2 1 read-back addr 00000780 bursts 240 mode 1 ->"},
+        {requests::plain_write(0xA00FF, {1}), " = ddr2 0 start ->"},
+        {requests::read(0xA0FFD, 1), " = ddr2 0 status ->"},
+        {requests::read(0xF0000, 1), " = ddr2 1 data ->"},
+        {requests::write_ack(0x7040, {0, 0x80, 2, 0xE0, 1, 0}),
+         " = picture port size 640 x 480 ->"},
+        {requests::write_ack(0x7040, {1}), " = picture port start ->"},
+        {requests::write_ack(0x7040, {0}), " = picture port stop ->"},
+        {requests::plain_write(0x40000, {1}), " = picture port pixels ->"},
+        {requests::write_ack(0x7040, {2}), ""},
+        {requests::read(0x7040, 1), ""},
+        {requests::read(0xB0001, 1), ""},
+        {requests::read(0x40000, 1), ""},
+    };
+    for (const auto &row : cases) {
+        const std::string line = trace(row.frame).received;
+        if (*row.text == '\0') {
+            EXPECT_EQ(line.find(" = "), std::string::npos) << line;
+        } else {
+            EXPECT_NE(line.find(row.text), std::string::npos) << line;
+        }
+    }
+}
+
 TEST(Trace, SurvivesFramesOfEveryLength) {
     const Frame whole = requests::write_ack(0x10, Frame(1400, 1));
     for (size_t size = 0; size <= whole.size(); size++) {

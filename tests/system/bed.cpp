@@ -66,7 +66,7 @@ int64_t Counters::operator[](const std::string &name) const {
 Card::Card(const Words &options, Priority priority)
     : process_({.argv = card_command(options),
                 .in_child = priority == Priority::kRealTime ? become_real_time : nullptr}) {
-    if (!process_.await_output("ready card0\n")) {
+    if (!process_.await_output("card0\n")) { // the last word of "ready ..."
         throw std::runtime_error("ruk-card did not start: " + process_.err());
     }
 }

@@ -40,6 +40,7 @@ public:
     Process &operator=(const Process &) = delete;
     ~Process();
 
+    [[nodiscard]] int pid() const;
     void send(int signo) const;
     /** Its exit status, or 1000 + n when signal n ended it; nothing when it still runs. */
     std::optional<int> wait(Milliseconds at_most = kHang);
@@ -82,7 +83,7 @@ struct Counters {
     int64_t operator[](const std::string &name) const;
 };
 
-/** ruk-card on card0, ready when the constructor returns. */
+/** ruk-card on card0, and on others among the options; ready when the constructor returns. */
 class Card {
 public:
     enum class Priority { kNormal, kRealTime };

@@ -95,6 +95,10 @@ Process::~Process() {
     (void)close(err_fd_);
 }
 
+int Process::pid() const {
+    return pid_;
+}
+
 void Process::send(int signo) const {
     if (!status_) {
         (void)::kill(pid_, signo);

@@ -1,0 +1,297 @@
+// failure_test.cpp - refusals, silence, nobody there, and who is told what by which exit status.
+#include "client.h"
+#include "service.h"
+
+#include "board/board.h"
+
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+namespace {
+
+using test::Bytes;
+using test::contains;
+using test::run_client;
+using test::Service;
+
+using Failure = test::ClientTest;
+
+constexpr int kRefused = 1;
+constexpr int kUsage = 2;
+constexpr int kNoAnswer = 3;
+
+TEST_F(Failure, OfTheCardIsARefusal) {
+    const Service service(test::refuse);
+    const std::string reason =
+        ": the service reports a failure (result -1): no answer from the card within its time, or "
+        "the card refused\n";
+    auto run = run_client({"--slot", "2", "read", "7040", "4"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "ruk-ipc: read of 4 bytes at 0x00007040, slot 0x2, model 0x0" + reason);
+    run = run_client({"--slot", "2", "write-ack", "7040", "4"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_EQ(run.err, "ruk-ipc: write-ack of 1 byte at 0x00007040, slot 0x2, model 0x0" + reason);
+}
+
+TEST_F(Failure, OfALaterPieceSaysHowFarItGot) {
+    const Service service([](const Bytes &request) {
+        if (test::number_at(request, 32, 4) == 0x1000 + 2800) {
+            test::refuse(request);
+        } else {
+            test::answer_well(request);
+        }
+    });
+    const auto run = run_client({"--slot", "2", "read", "1000", "4000"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_EQ(run.out, "");
+    EXPECT_TRUE(contains(run.err, "read of 1200 bytes at 0x00001af0")) << run.err;
+    EXPECT_TRUE(contains(run.err, "; the first 2800 of 4000 bytes were done before\n")) << run.err;
+}
+
+TEST_F(Failure, OfAnUpdateShowsTheResult) {
+    uint32_t result = 7;
+    const Service service([&result](const Bytes &request) {
+        Bytes reply = test::reply_to(request, result);
+        result = 0xFFFFFFFF;
+        reply.resize(44);
+        test::put_number(reply, 38, 4, test::number_at(request, 38, 4));
+        test::answer(request, reply);
+    });
+    auto run = run_client({"update", "16", "/f"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_EQ(run.err, "ruk-ipc: update, slot 0x1, model 0x0: the service reports exit status 7 of "
+                       "the programming tool\n");
+    run = run_client({"update", "16", "/f"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_TRUE(contains(run.err, "reports a failure (result -1): the file is missing there"))
+        << run.err;
+}
+
+TEST_F(Failure, OfAReplyWithTheWrongLength) {
+    struct Row {
+        Bytes data;
+        const char *message;
+    };
+    for (const Row &row :
+         {Row{{}, "the service sent 0 bytes of data instead of 4\n"},
+          Row{{1, 2, 3}, "the service sent 3 bytes of data instead of 4\n"},
+          Row{Bytes(5), "the service sent 5 bytes of data instead of 4\n"},
+          Row{Bytes(60000), "the service sent 60000 bytes of data instead of 4\n"}}) {
+        const Service service([&row](const Bytes &request) {
+            test::answer(request, test::reply_to(request, 0, row.data));
+        });
+        const auto run = run_client({"read", "7040", "4"});
+        EXPECT_EQ(run.status, kRefused);
+        EXPECT_EQ(run.out, "");
+        EXPECT_TRUE(run.err.ends_with(row.message)) << run.err;
+    }
+}
+
+TEST_F(Failure, OfAReplyThatIsCutOff) {
+    const Service service([](const Bytes &request) {
+        Bytes reply = test::reply_to(request, 0, Bytes(1400));
+        reply.resize(1439);
+        test::answer(request, reply);
+    });
+    const auto run = run_client({"read", "7040", "1400"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_TRUE(run.err.ends_with("the service sent a reply of 1439 bytes instead of 1440\n"))
+        << run.err;
+}
+
+// --- no answer
+// ------------------------------------------------------------------------------------
+
+TEST_F(Failure, ToAnswerEndsAtTheTimeOut) {
+    const Service service([](const Bytes &request) {
+        test::answer(request, Bytes(50, 0xFF));
+        test::answer(request, Bytes(50, 0xFF));
+    });
+    const auto run = run_client({"--slot", "2", "--timeout", "300", "read", "7040", "4"});
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_GE(run.ms, 300);
+    EXPECT_LT(run.ms, 1500);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(
+        run.err,
+        "ruk-ipc: read of 4 bytes at 0x00007040, slot 0x2, model 0x0: no answer from the "
+        "service 0x030a3b00 in " +
+            messages_.string() +
+            " within 300 ms; 2 other messages came and were dropped. Look at: is rukd running "
+            "and not busy with another request, what does its log say of this one, is the "
+            "link to the card up\n");
+}
+
+TEST_F(Failure, OfEachCommandThatWaitsEndsAtTheTimeOut) {
+    const Service service(test::do_nothing);
+    for (const test::Words &words :
+         {test::Words{"--timeout", "50", "hello"},
+          test::Words{"--timeout", "50", "update", "16", "/f"},
+          test::Words{"--timeout", "50", "write-ack", "10000000", "1"}}) {
+        const auto run = run_client(words);
+        EXPECT_EQ(run.status, kNoAnswer);
+        EXPECT_GE(run.ms, 50);
+        EXPECT_TRUE(contains(run.err, "within 50 ms")) << run.err;
+    }
+}
+
+// Unwanted messages must not make the wait longer.
+TEST_F(Failure, ToAnswerEndsAtTheTimeOutAlsoInAStreamOfOtherMessages) {
+    const Service service([](const Bytes &request) {
+        const test::Stopwatch watch;
+        while (watch.ms() < 1500) {
+            test::answer(request, Bytes(50, 0xFF));
+            (void)usleep(1000);
+        }
+    });
+    const auto run = run_client({"--timeout", "200", "read", "7040", "4"});
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_GE(run.ms, 200);
+    EXPECT_LT(run.ms, 1200);
+}
+
+TEST_F(Failure, WithoutAServiceShowsAtOnce) {
+    test::make_file(path("p.bmp"), "BM");
+    for (const test::Words &words :
+         {test::Words{"--slot", "2", "read", "7040", "4"}, test::Words{"write", "0", "1"},
+          test::Words{"put-picture", "0", "1", "1", path("p.bmp")}, test::Words{"hello"}}) {
+        const auto run = run_client(words);
+        EXPECT_EQ(run.status, kNoAnswer);
+        EXPECT_LT(run.ms, 2000);
+        EXPECT_EQ(run.out, "");
+        EXPECT_TRUE(run.err.ends_with(": nobody listens as the request service 0x030a3b00 in " +
+                                      messages_.string() +
+                                      ": is rukd running, and with the same APIPC_DIR and "
+                                      "APCARD_SLOT?\n"))
+            << run.err;
+    }
+}
+
+TEST_F(Failure, AfterTheServiceDiedShowsAtOnce) {
+    { const Service service(test::do_nothing); }
+    const auto run = run_client({"hello"});
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_TRUE(contains(run.err, "nobody listens")) << run.err;
+}
+
+// --- the message directory
+// ------------------------------------------------------------------------
+
+// Root passes every lock; without this capability, which exec does not give back, it does not.
+void give_up_override() {
+    (void)prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
+    (void)prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
+}
+
+TEST_F(Failure, ToEnterTheDirectoryNamesIt) {
+    std::filesystem::create_directory(messages_);
+    ASSERT_EQ(chmod(messages_.c_str(), 0), 0);
+    const auto run = run_client({"hello"}, give_up_override);
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_EQ(run.err, "ruk-ipc: cannot register with the message sockets in " +
+                           messages_.string() +
+                           ": Permission denied; are you in the group of the directory?\n");
+    ASSERT_EQ(chmod(messages_.c_str(), 0700), 0);
+}
+
+TEST_F(Failure, OfALongDirectoryNameIsTold) {
+    const std::string longest = root_ / std::string(120, 'x');
+    (void)setenv("APIPC_DIR", longest.c_str(), 1);
+    const auto run = run_client({"hello"});
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_EQ(run.err, "ruk-ipc: cannot register with the message sockets in " + longest +
+                           ": File name too long\n");
+}
+
+// A process that is a module until the test ends.
+class Neighbour {
+public:
+    explicit Neighbour(uint32_t address)
+        : process_([this, address] {
+              const bool registered = apipc_init(static_cast<int>(address), 0) == 0;
+              ready_.open();
+              return registered ? pause() : 1;
+          }) {
+        ready_.enter();
+    }
+
+private:
+    test::Gate ready_;
+    test::Child process_;
+};
+
+TEST_F(Failure, ToGetAModuleIdThatIsTaken) {
+    const Service service(test::answer_well);
+    const Neighbour neighbour(0x030AC500);
+    const auto run = run_client({"--module", "c5", "hello"});
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_TRUE(contains(run.err, "Address already in use")) << run.err;
+    EXPECT_EQ(run_client({"--module", "c6", "hello"}).status, 0);
+}
+
+TEST_F(Failure, OnlyWhenAllModuleIdsAreTaken) {
+    constexpr uint32_t kLast = 0xEF;
+    const Service service(test::answer_well);
+    std::vector<std::unique_ptr<Neighbour>> neighbours;
+    for (uint32_t module = 0xC0; module < kLast; module++) {
+        neighbours.push_back(std::make_unique<Neighbour>(0x030A0000 | module << 8));
+    }
+    EXPECT_EQ(run_client({"hello"}).status, 0); // the last one is found from wherever it starts
+    neighbours.push_back(std::make_unique<Neighbour>(0x030A0000 | kLast << 8));
+    const auto run = run_client({"hello"});
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_EQ(run.err, "ruk-ipc: cannot register: all module ids for clients are in use\n");
+}
+
+// --- the command line and standard output
+// ---------------------------------------------------------
+
+TEST_F(Failure, OfTheCommandLineEndsWithAHint) {
+    const auto run = run_client({"read", "x", "1"});
+    EXPECT_EQ(run.status, kUsage);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "ruk-ipc: read: ADDR 'x': not 0 to ffffffff, hexadecimal\n"
+                       "Try 'ruk-ipc --help'.\n");
+    EXPECT_EQ(run_client({}).status, kUsage);
+    EXPECT_FALSE(std::filesystem::exists(messages_));
+}
+
+TEST_F(Failure, ToPrintTheResultIsNoSuccess) {
+    const Service service(test::answer_well);
+    const auto to_full_disk = [] { (void)dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); };
+    const auto to_nobody = [] {
+        int ends[2];
+        (void)pipe(ends);
+        (void)dup2(ends[1], STDOUT_FILENO);
+        (void)close(ends[0]);
+    };
+    const auto to_closed = [] { (void)close(STDOUT_FILENO); };
+    const std::string complaint = "ruk-ipc: cannot write to standard output";
+    for (const std::function<void()> &redirect :
+         {std::function<void()>(to_full_disk), std::function<void()>(to_nobody),
+          std::function<void()>(to_closed)}) {
+        for (const test::Words &words :
+             {test::Words{"read", "0", "4"}, test::Words{"read", "0", "9000"},
+              test::Words{"--help"}, test::Words{"--json", "hello"}}) {
+            const auto run = run_client(words, redirect);
+            EXPECT_EQ(run.status, kRefused);
+            EXPECT_TRUE(run.err.starts_with(complaint)) << run.err;
+        }
+    }
+}
+
+TEST_F(Failure, NeverMistakesTheMessageSocketForAClosedStream) {
+    const Service service(test::answer_well);
+    const auto run = run_client({"read", "0", "4"}, [] {
+        (void)close(STDIN_FILENO);
+        (void)close(STDERR_FILENO);
+    });
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, "\n00000000: 00010203 \n");
+}
+
+} // namespace
