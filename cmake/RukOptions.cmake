@@ -6,9 +6,7 @@ target_compile_options(ruk_options INTERFACE
     -Wformat=2 -Wundef -Wdouble-promotion -Wvla
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>
     $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>
-    $<$<BOOL:${RUK_WERROR}>:-Werror>
-    # Unique symbols of the C++ library's templates would stay visible in libruk.a.
-    $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+    $<$<BOOL:${RUK_WERROR}>:-Werror>)
 
 if(RUK_SANITIZE)
     target_compile_options(ruk_options INTERFACE -fsanitize=${RUK_SANITIZE} -fno-omit-frame-pointer

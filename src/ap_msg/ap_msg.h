@@ -80,7 +80,7 @@ RUK_API int ApipcEventDeal(int a, int b, void *msg, int length);
 /**
  * Carry out one request and answer it.
  *
- *   msg  start of the message: 38 bytes, and the data that its len field counts
+ *   msg  start of the message: 40 bytes or more, with the data that its len field counts
  *   req  its request head, msg + 24
  *
  * Results, threads and blocking as for ApipcEventDeal.

@@ -69,10 +69,9 @@ void write_bmp_rows(FILE *file, const Picture &picture) {
 
 // 0x55, red, green, blue in the memory; blue, green, red, 0x55 in a BMP file.
 void reverse_pixels(const Picture &picture) {
-    const std::span<uint8_t> bytes(picture.pixels.get(), static_cast<size_t>(picture.size()));
-    for (size_t i = 0; i < bytes.size(); i += ddr2::kPixelSize) {
-        const auto pixel = bytes.subspan(i, ddr2::kPixelSize);
-        std::reverse(pixel.begin(), pixel.end());
+    uint8_t *const begin = picture.pixels.get();
+    for (uint8_t *pixel = begin; pixel != begin + picture.size(); pixel += ddr2::kPixelSize) {
+        std::reverse(pixel, pixel + ddr2::kPixelSize);
     }
 }
 

@@ -101,7 +101,7 @@ TEST_F(PictureWrite, SendsNoBlockOfAnEmptyPicture) {
 }
 
 TEST_F(PictureWrite, PutsTheSizeIntoTheRecordInLittleEndian) {
-    const Bytes pixels = test::pattern(0x0201 * 0x0403 * 3);
+    const Bytes pixels = test::pattern(size_t{0x0201} * 0x0403 * 3);
     const std::string name = test::write_file(directory.path("a.txt"), pixels);
     (void)write(name, 0x0201, 0x0403, 0);
     EXPECT_EQ(card_calls(), port_calls(2, 0x1234, 3, {0, 0x01, 0x02, 0x03, 0x04, 0}, pixels));
