@@ -32,7 +32,7 @@ Bytes header(Size size, uint16_t bits, uint32_t image) {
     put(2, bits);
     put(4, 0);
     put(4, image);
-    put(16, 0);
+    bytes.resize(54); // resolution and palette: 0
     return bytes;
 }
 
