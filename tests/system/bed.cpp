@@ -2,13 +2,13 @@
 
 #include "journal.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <net/if.h>
 #include <sched.h>
 #include <stdexcept>
@@ -105,8 +105,13 @@ std::string Directory::file(const std::string &name, const Bytes &content) const
 }
 
 Bytes content_of(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    Bytes content(static_cast<size_t>(std::max<std::streamoff>(file.tellg(), 0)));
+    file.seekg(0);
+    file.read(reinterpret_cast<char *>(content.data()),
+              static_cast<std::streamsize>(content.size()));
+    content.resize(static_cast<size_t>(std::max<std::streamsize>(file.gcount(), 0)));
+    return content;
 }
 
 Bytes pattern(size_t size) {

@@ -2,8 +2,7 @@
 // the picture port.
 #include "service.h"
 
-#include <cstdlib>
-#include <fstream>
+#include <filesystem>
 #include <thread>
 
 namespace bed {
@@ -52,8 +51,9 @@ Bytes bmp_file(Size size) {
 Bytes expected_bmp(Size size) {
     Bytes file = header(size, 32, size.hor * size.ver * 4);
     const Bytes pixels = pixels_of(size);
-    for (size_t i = 0; i < pixels.size(); i += 3) {
-        file.insert(file.end(), {pixels[i], pixels[i + 1], pixels[i + 2], 0x55});
+    file.resize(54 + pixels.size() / 3 * 4, 0x55);
+    for (size_t i = 0; i < pixels.size(); i++) {
+        file[54 + i / 3 * 4 + i % 3] = pixels[i];
     }
     return file;
 }
@@ -61,12 +61,11 @@ Bytes expected_bmp(Size size) {
 // As in the memory: 0x55, red, green, blue, the top row first.
 Bytes expected_plain(Size size) {
     const Bytes pixels = pixels_of(size);
-    Bytes plain;
-    for (size_t row = size.ver; row > 0; row--) {
-        for (size_t i = 0; i < size.hor; i++) {
-            const size_t at = ((row - 1) * size.hor + i) * 3;
-            plain.insert(plain.end(), {0x55, pixels[at + 2], pixels[at + 1], pixels[at]});
-        }
+    Bytes plain(pixels.size() / 3 * 4, 0x55);
+    for (size_t i = 0; i < pixels.size(); i++) {
+        const size_t pixel = i / 3;
+        const size_t row = size.ver - 1 - pixel / size.hor;
+        plain[(row * size.hor + pixel % size.hor) * 4 + 3 - i % 3] = pixels[i];
     }
     return plain;
 }
@@ -75,10 +74,14 @@ class Picture : public SystemTest {
 protected:
     // The service does not tell when the files are complete.
     static bool await_content(const std::string &name, const Bytes &wanted) {
-        for (int i = 0; i < 3000 && content_of(name) != wanted; i++) {
+        std::error_code not_there_yet;
+        for (int i = 0; i < 6000; i++) {
+            if (std::filesystem::file_size(name, not_there_yet) == wanted.size()) {
+                return content_of(name) == wanted;
+            }
             std::this_thread::sleep_for(10ms);
         }
-        return content_of(name) == wanted;
+        return false;
     }
 
     Directory directory;
