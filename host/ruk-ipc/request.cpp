@@ -11,9 +11,6 @@ namespace ipc {
 namespace {
 
 constexpr uint32_t kLastAddr = 0xFFFFFFFF;
-constexpr size_t kLongestPictureName = 255;
-constexpr size_t kLongestBmpName = 100; // what the service makes of the name of a picture to get
-constexpr size_t kHandOverArea = 1024;  // where the service keeps head and data of a file request
 
 // The service writes there without acknowledgement whatever was asked for.
 constexpr uint8_t kPlainSlot = 1;
@@ -103,11 +100,11 @@ size_t longest_name(const CommandRow &command) {
     constexpr size_t kKindAndNul = sizeof(uint32_t) + 1;
     switch (command.code) {
     case message::kCodeUpdate:
-        return kHandOverArea - message::kRequestHeadSize - kKindAndNul;
+        return message::kFileRequestArea - message::kRequestHeadSize - kKindAndNul;
     case message::kCodeGetPicture:
-        return kLongestBmpName - strlen(".bmp");
+        return message::kLongestBmpName - strlen(".bmp");
     default:
-        return kLongestPictureName;
+        return message::kLongestPictureName;
     }
 }
 

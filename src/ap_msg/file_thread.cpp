@@ -16,8 +16,9 @@ namespace {
 constexpr int kFilePriority = 95;
 constexpr size_t kRequestCopy = 2048; // zeros behind what the hand-over area holds
 
-uint8_t file_name_data[kHandoverArea];  // request head and data of the latest file request
-uint8_t file_write_head[kHandoverArea]; // the first 40 bytes of its message
+uint8_t
+    file_name_data[message::kFileRequestArea]; // request head and data of the latest file request
+uint8_t file_write_head[message::kFileRequestArea];     // the first 40 bytes of its message
 pthread_mutex_t file_mutex = PTHREAD_MUTEX_INITIALIZER; // both; held while a request is carried out
 sem_t sem_file_write;                                   // file requests handed over
 
@@ -34,7 +35,7 @@ constexpr FileService kFileServices[] = {
 // thread, so that it cannot overwrite one that has been taken but not begun.
 void carry_out_next() {
     uint8_t request[kRequestCopy] = {};
-    uint8_t head[kHandoverArea];
+    uint8_t head[message::kFileRequestArea];
     const MutexGuard guard(file_mutex);
     memcpy(request, file_name_data, sizeof file_name_data);
     memcpy(head, file_write_head, sizeof file_write_head);

@@ -9,8 +9,8 @@
 
 #include <span>
 
-constexpr size_t kHandoverArea = 1024; // bytes: request head and data; and, separately, the header
-constexpr size_t kLongestHandover = kHandoverArea - message::kRequestHeadSize; // bytes of data
+constexpr size_t kLongestHandover =
+    message::kFileRequestArea - message::kRequestHeadSize; // bytes of data
 
 constexpr bool fits_handover(size_t len) {
     return len <= kLongestHandover;

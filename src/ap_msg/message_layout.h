@@ -39,6 +39,11 @@ constexpr size_t kPictureName = 46;
 constexpr Field kUpdateKind{38, 4};
 constexpr size_t kUpdateName = 42;
 
+// What the service keeps of a file request: request head and data; and of the names in it.
+constexpr size_t kFileRequestArea = 1024;
+constexpr size_t kLongestPictureName = 255;
+constexpr size_t kLongestBmpName = 100; // what a picture that is read is called, ".bmp" included
+
 constexpr uint32_t kHeaderSize = 40; // both heads and two data bytes: the shortest message sent
 constexpr uint32_t kServiceClass = 28;
 constexpr uint32_t kGreetingId = 46;

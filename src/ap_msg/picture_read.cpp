@@ -18,7 +18,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr char kBmpEnding[] = ".bmp";
-constexpr size_t kBmpNameSize = 101; // 100 characters and their end
 
 struct Picture {
     uint32_t hor;
@@ -96,7 +95,7 @@ bool bmp_name_of(const char *name, std::span<char> bmp_name) {
 
 int read_file_handle(void * /*head*/, void *req) {
     PictureRequest request;
-    char bmp_name[kBmpNameSize];
+    char bmp_name[message::kLongestBmpName + 1];
     if (!read_picture_request(req, request)) {
         return -1;
     }

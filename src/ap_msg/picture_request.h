@@ -8,7 +8,7 @@ struct PictureRequest {
     Request to; // the target
     uint32_t hor;
     uint32_t ver;
-    char name[256];
+    char name[message::kLongestPictureName + 1];
 };
 
 /** Take a request head and its data apart. False: no picture size, or too long a name (logged). */
