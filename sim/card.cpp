@@ -1,12 +1,13 @@
 #include "card.h"
 
+#include "bus_block.h"
 #include "raw_message.h"
 
 namespace card {
 
 namespace {
 
-constexpr std::array kProtocols = {&kRawMessageProtocol};
+constexpr std::array kProtocols = {&kRawMessageProtocol, &kBusBlockProtocol};
 
 } // namespace
 

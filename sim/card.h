@@ -41,6 +41,9 @@ struct Protocol;
 
 enum class ReplyKind : uint8_t { kReadData, kAcknowledgement, kNoise };
 
+// The largest reply of any protocol: a bus block of 8000 bytes and its 26 bytes around it.
+constexpr size_t kLargestReply = 8026;
+
 /** One frame to send. */
 struct Reply {
     const Protocol *protocol = nullptr; // who can describe it; null for noise
@@ -50,7 +53,7 @@ struct Reply {
     bool behind_next = false; // let the next reply on this link overtake it
     unsigned copies = 1;      // 0: lost, only the trace hears of it
     size_t size = 0;
-    std::array<uint8_t, wire::kMaxFrame> bytes;
+    std::array<uint8_t, kLargestReply> bytes;
 
     [[nodiscard]] Bytes frame() const {
         return Bytes(bytes).first(size);

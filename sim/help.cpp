@@ -11,10 +11,10 @@ constexpr const char *kIntroduction =
     R"(Usage: ruk-card [OPTION]... IFNAME...
 
 Simulate an FPGA card on one or more network interfaces: answer raw message requests (reads,
-acknowledged writes, plain writes) from a sparse memory of 4 GiB, and take pictures into two DDR2
-memories and through a picture port. One process is one card with one memory of each kind, however
-many interfaces it listens on. Prints "ready" and the interface names as soon as it listens; ends
-on SIGINT, SIGTERM or SIGHUP. Needs the right to open raw sockets (CAP_NET_RAW).
+acknowledged writes, plain writes) and bus block requests from a sparse memory of 4 GiB, and take
+pictures into two DDR2 memories and through a picture port. One process is one card with one memory
+of each kind, however many interfaces it listens on. Prints "ready" and the interface names as soon
+as it listens; ends on SIGINT, SIGTERM or SIGHUP. Needs the right to open raw sockets (CAP_NET_RAW).
 
 Options (--name VALUE or --name=VALUE; "--" ends them):
 )";

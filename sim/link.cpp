@@ -15,9 +15,9 @@ namespace card {
 
 namespace {
 
-// Room for all frames of a picture of 1920 x 1080 pixels, sent back to back: about 6000, each of
-// which takes about 2.5 KiB in the kernel. Taken only as far as frames wait.
-constexpr int kReceiveBuffer = 64 * 1024 * 1024;
+// Room for the longest burst that nobody acknowledges: a bus block of 64 MiB in frames of 8026
+// bytes, each of which takes about 17 KiB in the kernel. The kernel doubles what it is asked for.
+constexpr int kReceiveBuffer = 80 * 1024 * 1024;
 
 std::string failed(const char *action, const std::string &name, const char *hint = "") {
     return std::string("link: ") + action + " '" + name + "': " + std::strerror(errno) + hint;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "noise.h"
+#include "link_faults.h"
 #include "raw_message_text.h"
 
 namespace card {
@@ -79,18 +79,6 @@ RecentRequest *note_request(const Job &job) {
     return found.entry;
 }
 
-void add_noise(const Job &job) {
-    if (!fault_happens(job.card.faults, Fault::kNoise)) {
-        return;
-    }
-    Reply *noise = outcome_add(job.out);
-    if (noise != nullptr) {
-        make_noise(job.card.faults, *noise);
-        noise->faults.add(Fault::kNoise);
-        count_faults(job.card.counters, noise->faults);
-    }
-}
-
 // Read requests carry no data: for them this does nothing.
 void write_registers(const Job &job) {
     if (job.request.code == wire::kCodeRead) {
@@ -119,14 +107,6 @@ void carry_out_unheard(const Job &job) {
     if (job.request.code == wire::kCodeRead) {
         read_registers(job, MutableBytes(unheard).first(job.request.len));
     }
-}
-
-void commit(const Job &job, Fault fault, Disposition disposition) {
-    FaultSet one;
-    one.add(fault);
-    count_faults(job.card.counters, one);
-    job.out.faults.add(fault);
-    job.out.disposition = disposition;
 }
 
 // How many payload bytes the honest answer carries.
@@ -198,26 +178,6 @@ void build_frame(const Job &job, const AddressRule *refusal, Reply &reply) {
     reply.size = wire::encode_reply(head, carried, frame);
 }
 
-// The faults of the link. A lost reply suffers nothing else.
-void apply_link_faults(const ReplyFaults &faults, Reply &reply) {
-    if (faults.set.has(Fault::kDrop)) {
-        reply.copies = 0;
-        reply.faults.add(Fault::kDrop);
-        return;
-    }
-    for (const Fault fault : {Fault::kCorrupt, Fault::kDuplicate, Fault::kDelay}) {
-        if (faults.set.has(fault)) {
-            reply.faults.add(fault);
-        }
-    }
-    if (faults.set.has(Fault::kCorrupt)) {
-        wire::spoil_checksum(MutableBytes(reply.bytes).first(reply.size), faults.checksum_change);
-    }
-    reply.copies = faults.set.has(Fault::kDuplicate) ? 2 : 1;
-    reply.delay_us = faults.delay_us;
-    reply.behind_next = faults.set.has(Fault::kReorder); // the outbox sees whether it comes to it
-}
-
 void mark_answered(const Job &job, const Reply &reply, bool carried_out, RecentRequest &entry) {
     if (reply.copies == 0 || reply.faults.has(Fault::kCorrupt)) {
         return;
@@ -235,7 +195,7 @@ void mark_answered(const Job &job, const Reply &reply, bool carried_out, RecentR
 void answer(const Job &job, RecentRequest *entry) {
     const AddressRule *refusal = apply_rule(job.card.faults, Fault::kError, job.request.addr);
     if (refusal != nullptr) {
-        commit(job, Fault::kError, Disposition::kRefused);
+        commit_fault(job.card, Fault::kError, Disposition::kRefused, job.out);
     } else {
         job.out.disposition = Disposition::kAnswered;
         write_registers(job);
@@ -257,15 +217,15 @@ void answer(const Job &job, RecentRequest *entry) {
 
 void carry_out(const Job &job) {
     RecentRequest *entry = note_request(job);
-    add_noise(job);
+    add_noise(job.card, job.out);
     if (fault_happens(job.card.faults, Fault::kDropRequest)) {
-        commit(job, Fault::kDropRequest, Disposition::kLostRequest);
+        commit_fault(job.card, Fault::kDropRequest, Disposition::kLostRequest, job.out);
     } else if (job.request.code == wire::kCodeWrite) {
         write_registers(job);
         job.out.disposition = Disposition::kWritten;
     } else if (apply_rule(job.card.faults, Fault::kSilence, job.request.addr) != nullptr) {
         carry_out_unheard(job);
-        commit(job, Fault::kSilence, Disposition::kSilent);
+        commit_fault(job.card, Fault::kSilence, Disposition::kSilent, job.out);
     } else {
         answer(job, entry);
     }

@@ -1,5 +1,6 @@
 /* host.c - a host program in plain C: uses a bit of every room that needs no rights. */
 #include "ap_msg/ap_msg.h"
+#include "eth_raw/bus_block.h"
 #include "eth_raw/eth_raw.h"
 #include "log/log.h"
 #include "main/main.h"
@@ -46,6 +47,17 @@ static void pack_a_frame(void) {
     RawMsgBuffFree(payload);
 }
 
+/* Without sockets: the checks of a block transfer, and its checksum. */
+static void refuse_a_block(void) {
+    static const uint8_t frame[90] = {0x44, 0x44, 0x44, 0x44, 0x44, 0x44, 1, 2, 3};
+    eth_init records[2];
+    EthRawTrans xfer[2];
+    memset(records, 0, sizeof records);
+    CHECK(eth_raw_tranfser_set(records, xfer, 2) == 0 && xfer[1].addr == &records[1].addr);
+    CHECK(Write_FPGA_Bus_Block(&xfer[0], 0, sizeof frame, frame) == -1); /* not open */
+    CHECK(packet_checksum_calc(frame, 90) == 6 && judge_packet(frame, 90, 0) == -1);
+}
+
 static int g_calls = 0;
 
 static void count_call(RawMsgQueueNode *record, void *data, uint32_t length) {
@@ -80,6 +92,7 @@ int main(void) {
     CHECK(strcmp(g_netdev_name[2], "eth2") == 0 && g_eth_init[2].flag == 0 && print_flag == 0);
     CHECK(read_buffer == NULL && sizeof gRecvBuffer == 1450);
     pack_a_frame();
+    refuse_a_block();
     queue_a_request();
     CHECK(sem_init(&sem_test, 0, 0) == 0);
     post_test();

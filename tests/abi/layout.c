@@ -2,6 +2,7 @@
  *
  * Pointers, semaphores and mutexes differ in size between targets, so each offset is given for
  * 64-bit and for 32-bit pointers; the board is the latter. */
+#include "eth_raw/bus_block.h"
 #include "eth_raw/eth_raw.h"
 #include "mem/mem.h"
 #include "queue/queue.h"
@@ -49,6 +50,12 @@ IS_TYPE(mem_block, data, void *);
 IS_TYPE(mem_block, size, uint32_t);
 IS_TYPE(mem_block, used, uint32_t);
 IS_TYPE(mem_block, next, mem_block *);
+
+AT(EthRawTrans, sock_fd, 0, 0);
+AT(EthRawTrans, addr, 8, 4);
+SIZE(EthRawTrans, 16, 8);
+IS_TYPE(EthRawTrans, sock_fd, int32_t);
+IS_TYPE(EthRawTrans, addr, struct sockaddr_ll *);
 
 AT(RawMsgQueueNode, buf, 0, 0);
 AT(RawMsgQueueNode, timer, 8, 4);

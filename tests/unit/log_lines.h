@@ -5,6 +5,7 @@
 #include "log/log.h"
 #include "output.h"
 
+#include <regex>
 #include <string>
 
 namespace test {
@@ -45,6 +46,20 @@ inline std::string without_times(std::string_view text) {
         plain += at > digits ? "#" : "";
     }
     return plain += text.substr(at);
+}
+
+/**
+ * Run an action and return its log messages. In a message that begins with a function's name and a
+ * source line ("name:123:") the number is "#", but only where the header names the same function.
+ */
+template <typename Action>
+std::string messages_of(Action action) {
+    log_debug = 1;
+    const std::string output = output_of(action);
+    log_debug = 0;
+    static const std::regex numbered(R"(\[[^\n]*/ *(\w+)/ *(\d+) \]:: \1:\2:)");
+    static const std::regex header(R"(\[[^\n]*/ *\w+/ *\d+ \]:: )");
+    return std::regex_replace(std::regex_replace(output, numbered, "$1:#:"), header, "");
 }
 
 } // namespace test
