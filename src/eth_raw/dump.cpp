@@ -12,19 +12,6 @@ namespace {
 
 constexpr int kBytesPerLine = 16;
 
-// Dumps of the sending and the receiving thread must not mix on the screen.
-class StdoutLock {
-public:
-    StdoutLock() {
-        flockfile(stdout);
-    }
-    ~StdoutLock() {
-        funlockfile(stdout);
-    }
-    StdoutLock(const StdoutLock &) = delete;
-    StdoutLock &operator=(const StdoutLock &) = delete;
-};
-
 } // namespace
 
 void print_msg(const uint8_t *buf, int n) {
@@ -32,8 +19,7 @@ void print_msg(const uint8_t *buf, int n) {
         return;
     }
     const ErrnoKeeper keep_errno;
-    const CancelOff whole_dump;
-    const StdoutLock lock;
+    const StdoutGuard whole_dump; // the other thread's would mix with it on the screen
     printf("%s: \n", buf == gRecvBuffer ? "recv" : "send");
     for (int i = 0; i < n; i++) {
         if (i % kBytesPerLine == 0) {

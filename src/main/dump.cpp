@@ -1,5 +1,7 @@
 #include "main/main.h"
 
+#include "mem/locks.h"
+
 #include <cstdio>
 
 namespace {
@@ -17,6 +19,7 @@ void process_recvbuf(const uint8_t *data, uint32_t base_address, uint32_t length
     if (data == nullptr) {
         return;
     }
+    const StdoutGuard whole_dump;
     const uint32_t groups = length / kGroup;
     if (groups == 0) {
         print_address(base_address);

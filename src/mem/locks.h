@@ -1,8 +1,9 @@
-// locks.h - mutexes, semaphores and cancellation, each held by a scope.
+// locks.h - mutexes, semaphores, standard output and cancellation, each held by a scope.
 #ifndef MEM_LOCKS_H
 #define MEM_LOCKS_H
 
 #include <cerrno>
+#include <cstdio>
 #include <pthread.h>
 #include <semaphore.h>
 
@@ -36,6 +37,25 @@ public:
 
 private:
     int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+/**
+ * Keeps what a scope prints together on standard output: other threads' lines come before or behind
+ * it. Nor is a thread cancelled in the middle of it.
+ */
+class StdoutGuard {
+public:
+    StdoutGuard() {
+        flockfile(stdout);
+    }
+    ~StdoutGuard() {
+        funlockfile(stdout);
+    }
+    StdoutGuard(const StdoutGuard &) = delete;
+    StdoutGuard &operator=(const StdoutGuard &) = delete;
+
+private:
+    CancelOff whole_;
 };
 
 /** Wait for a post, however many signals (one tick every 30 ms) interrupt the wait. */
