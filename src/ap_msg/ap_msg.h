@@ -3,7 +3,7 @@
 // A message travels through the board's message library to the module that a 32-bit address names:
 // slot << 24 | 0x0A << 16 | module << 8. See message_layout.h for its fields.
 // The service runs on two threads: the receive thread answers reads and writes, one at a time; the
-// file thread moves pictures, so that nothing waits for them.
+// file thread moves pictures and firmware, so that nothing waits for them.
 // Threads: any, unless said otherwise.
 // Locks:   one around the hand-over of file requests, held while the file thread works; the
 //          transaction layer's and the pool's are taken under it.
@@ -158,6 +158,71 @@ RUK_API int DDR2ReadProcess(int index, uint8_t slot, uint16_t model, uint32_t ad
  * Returns what the message library returns.
  */
 RUK_API int write_file_resp(void *head, int result);
+
+/**
+ * Carry out a request to update firmware and answer it.
+ *
+ *   head  first 40 bytes of the message
+ *   req   request head and the data that its len field counts: the kind of update, 4 bytes, and the
+ *         name of the file
+ *
+ * Returns the result that the reply carries: that of sys_update, the exit status of the programming
+ * tool, 0 for a kind that needs nothing, or -1: bad request, no such file (logged).
+ * Blocks: until the update is done, minutes.
+ */
+RUK_API int update_file_handle(void *head, void *req);
+
+/**
+ * Answer a request to update firmware: a message of 44 bytes to the sender in head.
+ *
+ *   data  the kind of update, 4 bytes as they came
+ *
+ * Returns what the message library returns, or -1: no memory, nothing is sent.
+ */
+RUK_API int update_file_resp(void *head, void *data, int result);
+
+/** The same as sys_update, with the low 16 bits of device_type and the low 8 bits of slot. */
+RUK_API int update_firmware(int slot, int device_type, const char *path);
+
+/**
+ * Send a firmware file to a card over interface 0. The file goes with a head in front of it through
+ * /home/updatebin.tmp, which stays: one update at a time on a board. What happens is told on
+ * standard output.
+ *
+ * Returns 0: everything was acknowledged, or the path holds no ".bin" and nothing was sent; or -1:
+ * no such file, a file that cannot be read or written, a write that the card refused or did not
+ * acknowledge. What the card has got by then is not taken back.
+ * Blocks: until it is done.
+ */
+RUK_API int sys_update(const char *path, int16_t device_type, uint8_t slot);
+
+/**
+ * An acknowledged write that is made again, after 10 ms, while no acknowledgement below 0xFF comes.
+ *
+ *   tries  how often at most; below 1 nothing is sent
+ *   model, slot  their low 16 and 8 bits
+ *   data   length bytes
+ *   ack    the last acknowledgement, 0xFF: none
+ *   wait   ticks of 30 ms, as for RawSockSendMsgWithAckWait
+ *
+ * Returns the result of the last write, -1 without one.
+ */
+RUK_API int RawSockSendMsgWithAckWait_Try_nTimes(int tries, int index, int model, int slot,
+                                                 uint32_t addr, uint8_t code, const uint8_t *data,
+                                                 uint32_t length, uint8_t *ack, int32_t wait);
+
+/** Bytes in a file; 0 when it cannot be told, or does not fit. */
+RUK_API long get_file_size(const char *path);
+
+/** The same by opening the file; what cannot be opened is logged. */
+RUK_API long get_file_size_old(const char *path);
+
+/**
+ * Make an empty file by the shell's commands, in place of an old one; or remove one. Names are
+ * quoted for the shell where they need it. Returns the exit status of the last command.
+ */
+RUK_API int update_temfile_creat(const char *path);
+RUK_API int update_temfile_del(const char *path);
 
 #ifdef __cplusplus
 }

@@ -29,6 +29,7 @@ struct FileService {
 constexpr FileService kFileServices[] = {
     {message::kCodePutPicture, write_file_handle},
     {message::kCodeGetPicture, read_file_handle},
+    {message::kCodeUpdate, update_file_handle},
 };
 
 // Under the lock from the copy to the end of the work: the next file request waits in the receive
@@ -42,7 +43,8 @@ void carry_out_next() {
     const uint8_t code = read_request(request).code;
     for (const FileService &service : kFileServices) {
         if (service.code == code) {
-            (void)service.run(head, request); // failures are logged; pictures get no reply
+            (void)service.run(head,
+                              request); // failures are logged; an update is answered by its row
         }
     }
 }

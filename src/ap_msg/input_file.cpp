@@ -23,6 +23,7 @@ File open_checked(const char *name, int flags, const char *mode) {
     if (fstat(fd, &status) != 0 || S_ISFIFO(status.st_mode) || S_ISDIR(status.st_mode)) {
         LOG("open '%s': a pipe or a directory, not a file\n", name);
         (void)close(fd);
+        errno = EINVAL;
         return nullptr;
     }
     File file(fdopen(fd, mode));

@@ -9,7 +9,8 @@ bool find_file(const char *name);
 
 /**
  * Open a file for reading, or for writing and reading from empty. Null: it cannot be opened, or it
- * is a pipe or a directory (logged): a pipe would wait for its other end, perhaps for ever.
+ * is a pipe or a directory (logged): a pipe would wait for its other end, perhaps for ever. errno
+ * tells why.
  */
 File open_input(const char *name);
 File open_output(const char *name);

@@ -2,6 +2,7 @@
 
 #include "ap_msg/message_layout.h"
 #include "board/board.h"
+#include "mem/locks.h"
 #include "mem/mem.h"
 
 #include <cstdio>
@@ -44,6 +45,7 @@ int GetIdByIndex(int /*index*/) {
 
 void print_buf(const uint8_t *p, int n) {
     constexpr int kBytesPerLine = 16;
+    const StdoutGuard whole_dump;
     for (int i = 0; i < n; i++) {
         if (i % kBytesPerLine == 0) {
             printf("\n");

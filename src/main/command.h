@@ -35,6 +35,7 @@ Outcome run_write(const CommandLine &line);
 Outcome run_writea(const CommandLine &line);
 Outcome run_writeaw(const CommandLine &line);
 Outcome run_writepic(const CommandLine &line);
+Outcome run_update(const CommandLine &line);
 
 /** Numbers as the command line writes them; a word that is no number gives 0. */
 uint32_t parse_hex(const char *word);

@@ -38,8 +38,9 @@ struct Command {
     Outcome (*run)(const CommandLine &line);
 };
 constexpr Command kCommands[] = {
-    {"writepic", run_writepic}, {"read", run_read},     {"readw", run_readw},
-    {"write", run_write},       {"writea", run_writea}, {"writeaw", run_writeaw},
+    {"writepic", run_writepic}, {"update", run_update}, {"read", run_read},
+    {"readw", run_readw},       {"write", run_write},   {"writea", run_writea},
+    {"writeaw", run_writeaw},
 };
 
 struct Threads {

@@ -19,6 +19,7 @@ struct Card {
     int plain_result = 0;
     int acked_result = 0;
     uint8_t acked_status = 0;
+    std::function<uint8_t(const CardCall &)> choose_status; // none: acked_status
     std::function<ReadAnswer(const CardCall &)> answer_read = zeros;
 };
 
@@ -55,11 +56,21 @@ int __wrap_RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr
 int __wrap_RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr,
                                      uint8_t code, const uint8_t *data, uint32_t len, uint8_t *ack,
                                      int32_t ticks) {
+    constexpr uint8_t kNoAnswer = 0xFF;
     Card &c = card();
-    const std::lock_guard guard(c.lock);
-    c.calls.push_back({'a', index, model, slot, addr, code, Bytes(data, data + len), len, ticks});
-    *ack = c.acked_status;
-    return c.acked_result;
+    const CardCall call{'a', index, model, slot, addr, code, Bytes(data, data + len), len, ticks};
+    std::function<uint8_t(const CardCall &)> choose_status;
+    {
+        const std::lock_guard guard(c.lock);
+        c.calls.push_back(call);
+        *ack = c.acked_status;
+        if (!c.choose_status) {
+            return c.acked_result;
+        }
+        choose_status = c.choose_status;
+    }
+    *ack = choose_status(call);
+    return *ack == kNoAnswer ? -1 : 0;
 }
 
 int __wrap_RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr,
@@ -119,6 +130,7 @@ void card_reset() {
     c.plain_result = 0;
     c.acked_result = 0;
     c.acked_status = 0;
+    c.choose_status = {};
     c.answer_read = zeros;
 }
 
@@ -139,6 +151,12 @@ void card_answers_acked_writes(int result, uint8_t status) {
     const std::lock_guard guard(c.lock);
     c.acked_result = result;
     c.acked_status = status;
+}
+
+void card_answers_acked_writes(std::function<uint8_t(const CardCall &)> status) {
+    Card &c = card();
+    const std::lock_guard guard(c.lock);
+    c.choose_status = std::move(status);
 }
 
 void card_answers_reads(std::function<ReadAnswer(const CardCall &)> answer) {

@@ -51,6 +51,9 @@ void card_answers_plain_writes(int result);
 /** What acknowledged writes return and the status that they store. */
 void card_answers_acked_writes(int result, uint8_t status);
 
+/** Who chooses the status of acknowledged writes, called without any lock; 0xFF: no answer, -1. */
+void card_answers_acked_writes(std::function<uint8_t(const CardCall &)> status);
+
 /** Who answers reads; called without any lock, so that it may wait. */
 void card_answers_reads(std::function<ReadAnswer(const CardCall &)> answer);
 

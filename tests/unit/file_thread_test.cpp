@@ -16,9 +16,9 @@
 
 namespace {
 
-// The two picture handlers, played by the test: they record and, behind a shut gate, wait.
+// The handlers, played by the test: they record and, behind a shut gate, wait.
 struct Handled {
-    char kind;     // 'w' write, 'r' read
+    char kind;     // 'w' write, 'r' read, 'u' update
     Bytes head;    // 40 bytes
     Bytes request; // 2048 bytes
 };
@@ -56,6 +56,7 @@ int __real_sem_wait(sem_t *semaphore);
 int __wrap_sem_wait(sem_t *semaphore);
 int __wrap_write_file_handle(void *head, void *req);
 int __wrap_read_file_handle(void *head, void *req);
+int __wrap_update_file_handle(void *head, void *req);
 
 // Only the file thread waits for a semaphore here.
 int __wrap_sem_wait(sem_t *semaphore) {
@@ -74,6 +75,10 @@ int __wrap_write_file_handle(void *head, void *req) {
 
 int __wrap_read_file_handle(void *head, void *req) {
     return handle('r', head, req);
+}
+
+int __wrap_update_file_handle(void *head, void *req) {
+    return handle('u', head, req);
 }
 }
 #pragma GCC visibility pop
@@ -219,12 +224,15 @@ TEST_F(FileThread, HandsEachRequestToItsHandler) {
     start();
     const Bytes write = file_request(0xEE, std::string("a.bmp") + '\0');
     const Bytes read = file_request(0xDD, "out", 2);
+    const Bytes update = file_request(0xEF, "fw.bin", 3);
     EXPECT_EQ(deal(write), 0);
     ASSERT_TRUE(await_idle(2));
     EXPECT_EQ(deal(read), 0);
     ASSERT_TRUE(await_idle(3));
+    EXPECT_EQ(deal(update), 0);
+    ASSERT_TRUE(await_idle(4));
     const auto done = handled();
-    ASSERT_EQ(done.size(), 2U);
+    ASSERT_EQ(done.size(), 3U);
     EXPECT_EQ(done[0].kind, 'w');
     EXPECT_EQ(done[0].head, first_40(write));
     EXPECT_EQ(done[0].request, request_area(write));
@@ -232,6 +240,9 @@ TEST_F(FileThread, HandsEachRequestToItsHandler) {
     EXPECT_EQ(done[1].head, first_40(read));
     EXPECT_EQ(done[1].request, request_area(read));
     EXPECT_EQ(board_messages().size(), 0U); // pictures get no reply, whatever became of them
+    EXPECT_EQ(done[2].kind, 'u');
+    EXPECT_EQ(done[2].head, first_40(update));
+    EXPECT_EQ(done[2].request, request_area(update));
 }
 
 TEST_F(FileThread, TakesALongestRequestWhole) {
