@@ -17,6 +17,7 @@ void card_receive(Card &card, const Arrival &arrival, Outcome &out) {
     out.disposition = Disposition::kOtherProtocol;
     out.resend = false;
     out.faults = {};
+    out.remark.clear();
     out.count = 0;
     for (const Protocol *protocol : kProtocols) {
         if (protocol->claims(arrival.frame)) {

@@ -15,6 +15,7 @@
 #include "bytes.h"
 #include "counters.h"
 #include "faults.h"
+#include "firmware_side.h"
 #include "memory.h"
 #include "picture_side.h"
 #include "recent.h"
@@ -32,6 +33,7 @@ struct Card {
     Identity identity;
     Memory memory; // registers
     PictureSide picture;
+    FirmwareSide firmware;
     FaultEngine faults;
     RecentRequests recent;
     Counters counters;
@@ -81,7 +83,8 @@ struct Outcome {
     const Protocol *protocol = nullptr; // null when nobody claimed the frame
     Disposition disposition = Disposition::kOtherProtocol;
     bool resend = false;
-    FaultSet faults; // those committed on the request itself
+    FaultSet faults;    // those committed on the request itself
+    std::string remark; // for the trace: what the request means to the card as it is now
     size_t count = 0;
     std::array<Reply, 2> replies; // room for one noise frame and one reply
 };

@@ -12,9 +12,10 @@ constexpr const char *kIntroduction =
 
 Simulate an FPGA card on one or more network interfaces: answer raw message requests (reads,
 acknowledged writes, plain writes) and bus block requests from a sparse memory of 4 GiB, and take
-pictures into two DDR2 memories and through a picture port. One process is one card with one memory
-of each kind, however many interfaces it listens on. Prints "ready" and the interface names as soon
-as it listens; ends on SIGINT, SIGTERM or SIGHUP. Needs the right to open raw sockets (CAP_NET_RAW).
+pictures into two DDR2 memories and through a picture port, and firmware. One process is one card
+with one memory of each kind, however many interfaces it listens on. Prints "ready" and the
+interface names as soon as it listens; ends on SIGINT, SIGTERM or SIGHUP. Needs the right to open
+raw sockets (CAP_NET_RAW).
 
 Options (--name VALUE or --name=VALUE; "--" ends them):
 )";
@@ -39,6 +40,8 @@ Examples:
   ruk-card --delay 1ms:20ms card0                 late answers, some overtaking others
   ruk-card --memory-load boot.bin@18000000 --memory-save after.bin@18000000:4096 card0
   ruk-card --picture-dir pics --ddr2-picture 0:0:640x480 card0 card1   pictures to look at
+  ruk-card --firmware-dir got card0               firmware to compare with what was sent
+  ruk-card --refuse-block 3:07 card0              refuse the third block of every transfer
 
 Signals:
   SIGUSR1 writes the counters and goes on; SIGINT, SIGTERM and SIGHUP save memory and DDR2
@@ -51,7 +54,7 @@ constexpr const char *kStatuses = R"(
 Exit status:
   0  ended by a signal, everything saved
   1  could not work: interface missing, no rights, file not readable or writable
-  2  wrong argument, or a picture directory in which no files can be made
+  2  wrong argument, or a directory for pictures or firmware in which no files can be made
 )";
 
 } // namespace

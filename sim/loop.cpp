@@ -14,6 +14,7 @@
 #include <array>
 #include <utility>
 
+#include "firmware_file.h"
 #include "memory_file.h"
 #include "receiver.h"
 #include "report.h"
@@ -29,7 +30,8 @@ struct Session {
     const Options &options;
     Station station;
     Fd signals;
-    uint32_t next_picture = 1; // number of the next file
+    uint32_t next_picture = 1;  // number of the next file
+    uint32_t next_firmware = 1; // likewise
     bool ended = false;
     std::string failure;
     std::list<Receiver> receivers; // last: they stop before the rest goes
@@ -90,9 +92,9 @@ std::string open_signals(Session &session) {
 std::string open_events(Session &session) {
     session.station.timer = Fd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     session.station.failed = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    session.station.pictures = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    session.station.news = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     const bool done = session.station.timer.valid() && session.station.failed.valid() &&
-                      session.station.pictures.valid();
+                      session.station.news.valid();
     return done ? "" : failed_to("prepare timers");
 }
 
@@ -113,6 +115,8 @@ std::string open_links(Session &session) {
 std::string start(Session &session) {
     session.station.card.identity = session.options.identity;
     session.station.card.picture.port.keep_pixels = !session.options.picture_directory.empty();
+    session.station.card.firmware.keep_images = !session.options.firmware_directory.empty();
+    session.station.card.firmware.refusals = session.options.firmware_refusals;
     session.station.card.faults = make_fault_engine(session.options.faults);
     for (const auto step : {load_memory, open_trace, open_signals, open_events, open_links}) {
         std::string error = step(session);
@@ -163,9 +167,19 @@ void print_line(const std::string &line) {
     (void)std::fflush(stdout);
 }
 
-// How a saved picture ends its line. A picture that cannot be saved does not stop the card.
-std::string saved_text(Session &session, const std::string &error, const std::string &path) {
-    station_count_saved(session.station, error.empty());
+// Where a kind of file is counted.
+struct SaveCounters {
+    uint64_t Counters::*saved;
+    uint64_t Counters::*failed;
+};
+constexpr SaveCounters kPictureSaves = {&Counters::pictures_saved, &Counters::picture_save_errors};
+constexpr SaveCounters kFirmwareSaves = {&Counters::firmware_saved,
+                                         &Counters::firmware_save_errors};
+
+// How the line of a saved file ends. One that cannot be saved does not stop the card.
+std::string saved_text(Session &session, const SaveCounters &counters, const std::string &error,
+                       const std::string &path) {
+    station_count(session.station, error.empty() ? counters.saved : counters.failed);
     if (!error.empty()) {
         (void)std::fprintf(stderr, "%s\n", error.c_str());
         return ", not saved";
@@ -179,14 +193,29 @@ void report_picture(Session &session, PortPicture picture) {
         std::string path;
         const std::string error = save_port_picture(
             std::move(picture), session.options.picture_directory, session.next_picture, path);
-        line += saved_text(session, error, path);
+        line += saved_text(session, kPictureSaves, error, path);
     }
     print_line(line);
 }
 
-void serve_pictures(Session &session) {
+void report_firmware(Session &session, const FirmwareReport &report) {
+    const std::string &directory = session.options.firmware_directory;
+    std::string line = report.line;
+    if (report.complete && !directory.empty()) {
+        std::string path;
+        const std::string error =
+            save_firmware(report.image, directory, session.next_firmware, path);
+        line += saved_text(session, kFirmwareSaves, error, path);
+    }
+    print_line(line);
+}
+
+void serve_news(Session &session) {
     uint64_t count = 0;
-    (void)read(session.station.pictures.get(), &count, sizeof count); // only to clear it
+    (void)read(session.station.news.get(), &count, sizeof count); // only to clear it
+    for (const FirmwareReport &report : station_take_firmware(session.station)) {
+        report_firmware(session, report);
+    }
     for (PortPicture &picture : station_take_pictures(session.station)) {
         report_picture(session, std::move(picture));
     }
@@ -196,8 +225,8 @@ void wait_and_serve(Session &session) {
     std::array<pollfd, 4> waits = {{{session.signals.get(), POLLIN, 0},
                                     {session.station.timer.get(), POLLIN, 0},
                                     {session.station.failed.get(), POLLIN, 0},
-                                    {session.station.pictures.get(), POLLIN, 0}}};
-    constexpr std::array kServe = {serve_signals, serve_timer, serve_failures, serve_pictures};
+                                    {session.station.news.get(), POLLIN, 0}}};
+    constexpr std::array kServe = {serve_signals, serve_timer, serve_failures, serve_news};
     while (!session.ended && session.failure.empty()) {
         if (poll(waits.data(), waits.size(), -1) < 0 && errno != EINTR) {
             session.failure = failed_to("wait");
@@ -220,14 +249,16 @@ void save_ddr2_pictures(Session &session) {
             save_ddr2_picture(session.station.card.picture.ddr2[order.memory].memory, order,
                               session.options.picture_directory, path);
         print_line("ddr2 " + std::to_string(order.memory) + ": " + std::to_string(order.width) +
-                   " x " + std::to_string(order.height) + saved_text(session, error, path));
+                   " x " + std::to_string(order.height) +
+                   saved_text(session, kPictureSaves, error, path));
     }
 }
 
 // Everything is tried, whatever fails; the first failure is the one reported.
 std::string finish(Session &session) {
     session.receivers.clear();
-    serve_pictures(session);
+    firmware_end(session.station.card.firmware, session.station.card.counters);
+    serve_news(session);
     save_ddr2_pictures(session);
     std::string failure = session.failure;
     for (const SaveOrder &order : session.options.saves) {

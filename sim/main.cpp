@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 
+#include "firmware_file.h"
 #include "help.h"
 #include "loop.h"
 #include "options.h"
@@ -25,6 +26,9 @@ int run(std::span<const char *const> arguments) {
     std::string wrong = card::parse_options(arguments, options);
     if (wrong.empty() && !options.picture_directory.empty()) {
         wrong = card::check_picture_directory(options.picture_directory);
+    }
+    if (wrong.empty() && !options.firmware_directory.empty()) {
+        wrong = card::check_firmware_directory(options.firmware_directory);
     }
     if (!wrong.empty()) {
         (void)std::fprintf(stderr, "ruk-card: %s\nTry 'ruk-card --help'.\n", wrong.c_str());

@@ -27,6 +27,12 @@ constexpr const char *kWantLie = "expected LEN@RANGE with LEN a length up to 655
 constexpr const char *kWantRange = "expected ADDR, ADDR-ADDR or any, perhaps followed by xN";
 constexpr const char *kWantNth = "expected FAULT:N[,N...] with FAULT drop_request, drop, corrupt, "
                                  "duplicate, delay, reorder or noise and N from 1";
+constexpr uint8_t kRefusalStatus = 0x01; // unless another one is given
+constexpr const char *kWantField =
+    "expected NAME or NAME:STATUS with NAME total_files_size, files_recv_len, total_files_count, "
+    "current_file_size, v, device_type or card_modelid and STATUS hexadecimal 1 to ff";
+constexpr const char *kWantBlock =
+    "expected N or N:STATUS with N from 1 and STATUS hexadecimal 1 to ff";
 constexpr const char *kWantSave = "expected FILE or FILE@ADDR:LEN within 4 GiB";
 constexpr const char *kWantDdr2Picture =
     "expected MEM:ADDR:WIDTHxHEIGHT with MEM 0 or 1, all of it within the 4 GiB of the memory and "
@@ -137,6 +143,47 @@ const char *add_ddr2_picture(Options &options, std::string_view text) {
         return kWantDdr2Picture;
     }
     options.ddr2_pictures.push_back(*order);
+    return nullptr;
+}
+
+const char *set_firmware_directory(Options &options, std::string_view text) {
+    if (text.empty()) {
+        return "expected a directory";
+    }
+    options.firmware_directory = text;
+    return nullptr;
+}
+
+// The status behind what is refused, "WHAT" or "WHAT:STATUS"; cuts it off the text.
+std::optional<uint8_t> take_status(std::string_view &text) {
+    const auto parts = split_first(text, ':');
+    if (!parts) {
+        return kRefusalStatus;
+    }
+    text = parts->first;
+    const auto status = parse_hex(parts->second, kMax8);
+    return status && *status != wire::kStatusCarriedOut
+               ? std::optional(static_cast<uint8_t>(*status))
+               : std::nullopt;
+}
+
+const char *add_field_refusal(Options &options, std::string_view text) {
+    const auto status = take_status(text);
+    const auto field = find_firmware_field(text);
+    if (!status || !field) {
+        return kWantField;
+    }
+    options.firmware_refusals.push_back({.field = field, .status = *status});
+    return nullptr;
+}
+
+const char *add_block_refusal(Options &options, std::string_view text) {
+    const auto status = take_status(text);
+    const auto block = parse_count(text, kMax32);
+    if (!status || !block || *block == 0) {
+        return kWantBlock;
+    }
+    options.firmware_refusals.push_back({.block = *block, .status = *status});
     return nullptr;
 }
 
@@ -344,6 +391,9 @@ constexpr OptionRow kRows[] = {
      "at the end save a picture of this size from DDR2 memory MEM (0 or\n"
      "1) in DIR as ddr2-MEM-ADDR.png; ADDR counts 8 bytes, as in the\n"
      "control record; may be repeated"},
+    {"--firmware-dir", "DIR", set_firmware_directory,
+     "save the firmware that comes in, without its head, in DIR as\n"
+     "firmware-001.bin and so on; files that exist are kept"},
     {"--seed", "N", set_seed, "start of the random faults (default 1)"},
     {"--drop", "P", set_rate<Fault::kDrop>, "lose P percent of the replies"},
     {"--drop-requests", "P", set_rate<Fault::kDropRequest>,
@@ -370,6 +420,12 @@ constexpr OptionRow kRows[] = {
      "refuse requests with this status; a refused read carries no data"},
     {"--error-with-data", "STATUS@RANGE", add_error_with_data,
      "the same, but a refused read carries its data all the same"},
+    {"--refuse-field", "NAME[:STATUS]", add_field_refusal,
+     "refuse this field of every firmware transfer, with status 01 unless\n"
+     "another one is given; may be repeated"},
+    {"--refuse-block", "N[:STATUS]", add_block_refusal,
+     "refuse the N-th block of every firmware transfer, likewise, as often\n"
+     "as it comes; counted from 1; may be repeated"},
     {"--silence", "RANGE", add_silence, "carry requests out, but do not answer them"},
     {"--lie-length", "LEN@RANGE", add_lie_length,
      "let replies say and carry LEN bytes, or with +N that many more than\n"

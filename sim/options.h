@@ -22,6 +22,8 @@ struct Options {
     std::vector<SaveOrder> saves;
     std::string picture_directory; // empty: save no pictures
     std::vector<Ddr2PictureOrder> ddr2_pictures;
+    std::string firmware_directory; // empty: save no firmware
+    std::vector<FirmwareRefusal> firmware_refusals;
     bool trace = false;
     std::string trace_path;    // empty: standard output
     std::string counters_path; // empty: standard output

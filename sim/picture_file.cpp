@@ -7,22 +7,22 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <utility>
 #include <vector>
 
 #include "fd.h"
 #include "file.h"
+#include "new_file.h"
 #include "picture_registers.h"
 
 namespace card {
 
 namespace {
 
-constexpr mode_t kFileMode = 0666;    // less what the umask takes away
 constexpr size_t kDdr2PixelBytes = 4; // 0x55, red, green, blue
 constexpr size_t kRgbBytes = 3;
+constexpr NumberedName kPortName = {.stem = "picture", .suffix = ".png"};
 
 /** What a PNG file is made of. */
 struct Image {
@@ -67,18 +67,6 @@ std::string save(Fd fd, const Image &image, const std::string &path) {
     return error;
 }
 
-// A new file with the next free number.
-Fd create_numbered(const std::string &directory, uint32_t &number, std::string &path) {
-    Fd fd;
-    do {
-        std::array<char, 32> name{};
-        (void)std::snprintf(name.data(), name.size(), "/picture-%03u.png", number++);
-        path = directory + name.data();
-        fd = Fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
-    } while (!fd.valid() && errno == EEXIST);
-    return fd;
-}
-
 size_t ddr2_stride(const Ddr2PictureOrder &order) {
     const size_t line = order.width * kDdr2PixelBytes;
     return (line + kBurstBytes - 1) / kBurstBytes * kBurstBytes;
@@ -116,13 +104,8 @@ bool ddr2_picture_fits(const Ddr2PictureOrder &order) {
 }
 
 std::string check_picture_directory(const std::string &directory) {
-    std::string path = directory + "/.ruk-card-XXXXXX";
-    const Fd fd(mkostemp(path.data(), O_CLOEXEC));
-    if (!fd.valid()) {
-        return failed("save in directory", directory, std::strerror(errno));
-    }
-    (void)unlink(path.c_str()); // made a moment ago: what may be made may be removed
-    return "";
+    return can_create_in(directory) ? ""
+                                    : failed("save in directory", directory, std::strerror(errno));
 }
 
 std::string save_port_picture(PortPicture picture, const std::string &directory, uint32_t &number,
@@ -139,7 +122,7 @@ std::string save_port_picture(PortPicture picture, const std::string &directory,
         return failed("save", path, "too many pictures wait for the disk");
     }
     picture.pixels.resize(static_cast<size_t>(size), 0);
-    Fd fd = create_numbered(directory, number, path);
+    Fd fd = create_numbered(directory, kPortName, number, path);
     if (!fd.valid()) {
         return failed("create", path, std::strerror(errno));
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "firmware_text.h"
 #include "link_faults.h"
 #include "raw_message_text.h"
 
@@ -36,6 +37,14 @@ struct Job {
     const Arrival &arrival;
     const wire::Request &request;
     Outcome &out;
+    RecentRequest *entry = nullptr;            // null for plain writes
+    std::optional<FirmwareRequest> firmware{}; // what it means to the firmware side
+};
+
+// What a refused request is answered with.
+struct Refusal {
+    uint8_t status = 0;
+    bool with_data = false;
 };
 
 bool is_mine(const Identity &identity, const wire::Request &request) {
@@ -87,6 +96,12 @@ void write_registers(const Job &job) {
     const wire::Request &request = job.request;
     memory_write(job.card.memory, request.addr, request.data);
     picture_write(job.card.picture, request.addr, request.data, job.card.memory, job.card.counters);
+    if (job.firmware) {
+        firmware_write(job.card.firmware, request, *job.firmware, job.card.counters);
+        if (job.entry != nullptr) {
+            job.entry->firmware_mark = job.card.firmware.number;
+        }
+    }
     job.card.counters.bytes_written += request.data.size();
 }
 
@@ -110,15 +125,14 @@ void carry_out_unheard(const Job &job) {
 }
 
 // How many payload bytes the honest answer carries.
-uint16_t honest_length(const wire::Request &request, const AddressRule *refusal) {
-    const bool has_data =
-        request.code == wire::kCodeRead && (refusal == nullptr || refusal->with_data);
+uint16_t honest_length(const wire::Request &request, const std::optional<Refusal> &refusal) {
+    const bool has_data = request.code == wire::kCodeRead && (!refusal || refusal->with_data);
     return has_data ? request.len : uint16_t{0};
 }
 
-wire::ReplyHead honest_head(const wire::Request &request, const AddressRule *refusal) {
+wire::ReplyHead honest_head(const wire::Request &request, const std::optional<Refusal> &refusal) {
     wire::ReplyHead head;
-    head.status = refusal == nullptr ? wire::kStatusCarriedOut : refusal->status;
+    head.status = refusal ? refusal->status : wire::kStatusCarriedOut;
     head.model = request.model;
     head.slot = request.slot;
     head.code = request.code; // an acknowledgement carries the code of the write
@@ -163,7 +177,7 @@ void apply_fixed_faults(const FaultConfig &config, wire::ReplyHead &head, FaultS
     }
 }
 
-void build_frame(const Job &job, const AddressRule *refusal, Reply &reply) {
+void build_frame(const Job &job, const std::optional<Refusal> &refusal, Reply &reply) {
     const wire::Request &request = job.request;
     wire::ReplyHead head = honest_head(request, refusal);
     const AddressRule *lie = apply_rule(job.card.faults, Fault::kLieLength, request.addr);
@@ -178,10 +192,11 @@ void build_frame(const Job &job, const AddressRule *refusal, Reply &reply) {
     reply.size = wire::encode_reply(head, carried, frame);
 }
 
-void mark_answered(const Job &job, const Reply &reply, bool carried_out, RecentRequest &entry) {
-    if (reply.copies == 0 || reply.faults.has(Fault::kCorrupt)) {
+void mark_answered(const Job &job, const Reply &reply, bool carried_out) {
+    if (job.entry == nullptr || reply.copies == 0 || reply.faults.has(Fault::kCorrupt)) {
         return;
     }
+    RecentRequest &entry = *job.entry;
     if (!entry.answered) {
         entry.answered = true;
         job.card.counters.unanswered_requests--;
@@ -192,9 +207,23 @@ void mark_answered(const Job &job, const Reply &reply, bool carried_out, RecentR
     }
 }
 
-void answer(const Job &job, RecentRequest *entry) {
-    const AddressRule *refusal = apply_rule(job.card.faults, Fault::kError, job.request.addr);
-    if (refusal != nullptr) {
+// Rules for addresses come first: they may be used up, those of the firmware side never are.
+std::optional<Refusal> find_refusal(const Job &job) {
+    const AddressRule *rule = apply_rule(job.card.faults, Fault::kError, job.request.addr);
+    if (rule != nullptr) {
+        return Refusal{.status = rule->status, .with_data = rule->with_data};
+    }
+    if (job.firmware) {
+        if (const auto status = firmware_refusal(job.card.firmware, *job.firmware)) {
+            return Refusal{.status = *status};
+        }
+    }
+    return std::nullopt;
+}
+
+void answer(const Job &job) {
+    const std::optional<Refusal> refusal = find_refusal(job);
+    if (refusal) {
         commit_fault(job.card, Fault::kError, Disposition::kRefused, job.out);
     } else {
         job.out.disposition = Disposition::kAnswered;
@@ -210,13 +239,20 @@ void answer(const Job &job, RecentRequest *entry) {
     build_frame(job, refusal, *reply);
     apply_link_faults(draw_reply_faults(job.card.faults), *reply);
     count_faults(job.card.counters, reply->faults);
-    if (entry != nullptr) {
-        mark_answered(job, *reply, refusal == nullptr, *entry);
+    mark_answered(job, *reply, !refusal);
+}
+
+void note_firmware(Job &job) {
+    const uint64_t mark = job.entry == nullptr ? 0 : job.entry->firmware_mark;
+    job.firmware = classify_firmware(job.card.firmware, job.request, mark);
+    if (job.firmware) {
+        job.out.remark = describe_firmware_request(*job.firmware);
     }
 }
 
-void carry_out(const Job &job) {
-    RecentRequest *entry = note_request(job);
+void carry_out(Job job) {
+    job.entry = note_request(job);
+    note_firmware(job);
     add_noise(job.card, job.out);
     if (fault_happens(job.card.faults, Fault::kDropRequest)) {
         commit_fault(job.card, Fault::kDropRequest, Disposition::kLostRequest, job.out);
@@ -227,7 +263,7 @@ void carry_out(const Job &job) {
         carry_out_unheard(job);
         commit_fault(job.card, Fault::kSilence, Disposition::kSilent, job.out);
     } else {
-        answer(job, entry);
+        answer(job);
     }
 }
 
@@ -245,7 +281,7 @@ void handle(Card &card, const Arrival &arrival, Outcome &out) {
         return;
     }
     count_request(card.counters, request.code);
-    carry_out({card, arrival, request, out});
+    carry_out({.card = card, .arrival = arrival, .request = request, .out = out});
 }
 
 } // namespace

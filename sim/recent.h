@@ -24,6 +24,7 @@ struct RecentRequest {
     bool used = false;
     bool answered = false; // an intact reply, whatever its status, was or will be sent
     bool settled = false;
+    uint64_t firmware_mark = 0; // firmware_side.h
 };
 
 struct RecentRequests {

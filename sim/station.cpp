@@ -102,8 +102,8 @@ void station_receive(Station &station, size_t link, Bytes frame, Outcome &outcom
         outbox_put(station.outbox, link, outcome.replies[i], arrival.now_us);
     }
     arm_timer_locked(station);
-    if (!station.card.picture.port.finished.empty()) {
-        raise(station.pictures);
+    if (!station.card.picture.port.finished.empty() || !station.card.firmware.reports.empty()) {
+        raise(station.news);
     }
 }
 
@@ -135,10 +135,14 @@ std::vector<PortPicture> station_take_pictures(Station &station) {
     return std::exchange(station.card.picture.port.finished, {});
 }
 
-void station_count_saved(Station &station, bool saved) {
+std::vector<FirmwareReport> station_take_firmware(Station &station) {
     const std::lock_guard guard(station.lock);
-    Counters &counters = station.card.counters;
-    (saved ? counters.pictures_saved : counters.picture_save_errors)++;
+    return std::exchange(station.card.firmware.reports, {});
+}
+
+void station_count(Station &station, uint64_t Counters::*counter) {
+    const std::lock_guard guard(station.lock);
+    station.card.counters.*counter += 1;
 }
 
 Counters station_counters(Station &station) {

@@ -37,7 +37,7 @@ struct Station {
     uint64_t start_us = 0; // all times are counted from here
     Fd failed;             // an eventfd, readable when a thread cannot go on
     std::string failure;   // why
-    Fd pictures;           // an eventfd, readable when the picture port has finished one
+    Fd news;               // an eventfd, readable when a picture or firmware is to be reported
 };
 
 /** Microseconds since the start. */
@@ -61,8 +61,11 @@ std::string station_failure(Station &station);
 /** Take away the pictures that the picture port has finished. Takes the lock. */
 std::vector<PortPicture> station_take_pictures(Station &station);
 
-/** Count a picture that was saved or could not be saved. Takes the lock. */
-void station_count_saved(Station &station, bool saved);
+/** Take away what the firmware side has to tell. Takes the lock. */
+std::vector<FirmwareReport> station_take_firmware(Station &station);
+
+/** Count something that happened outside of the card. Takes the lock. */
+void station_count(Station &station, uint64_t Counters::*counter);
 
 /** The counters as they are now. Takes the lock. */
 Counters station_counters(Station &station);

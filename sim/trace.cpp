@@ -80,7 +80,7 @@ std::string fault_list(const char *before, FaultSet set) {
 std::string trace_received(const std::string &link, const Arrival &arrival,
                            const Outcome &outcome) {
     return line_head(link, arrival.now_us, "rx", arrival.frame.size()) +
-           describe(outcome.protocol, arrival.frame) + " -> " +
+           describe(outcome.protocol, arrival.frame) + outcome.remark + " -> " +
            disposition_text(outcome.disposition) + (outcome.resend ? ", a resend" : "") +
            fault_list(" [", outcome.faults);
 }

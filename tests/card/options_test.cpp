@@ -148,6 +148,60 @@ TEST(Options, RefuseWrongPictures) {
     EXPECT_EQ(wrong({"--picture-dir=", "c"}), "options: '--picture-dir' '': expected a directory");
 }
 
+TEST(Options, TakeFirmware) {
+    const Options options =
+        good({"--firmware-dir", "d", "--refuse-field", "v", "--refuse-field=card_modelid:fF",
+              "--refuse-block", "12", "--refuse-block=0x10:0x07", "c"});
+    EXPECT_EQ(options.firmware_directory, "d");
+    const auto &refusals = options.firmware_refusals;
+    ASSERT_EQ(refusals.size(), 4U);
+    EXPECT_EQ(refusals[0].field, card::FirmwareField::kV);
+    EXPECT_EQ(refusals[0].status, 1);
+    EXPECT_EQ(refusals[1].field, card::FirmwareField::kCardModelid);
+    EXPECT_EQ(refusals[1].status, 0xFF);
+    EXPECT_FALSE(refusals[2].field);
+    EXPECT_EQ(refusals[2].block, 12U);
+    EXPECT_EQ(refusals[2].status, 1);
+    EXPECT_EQ(refusals[3].block, 16U);
+    EXPECT_EQ(refusals[3].status, 7);
+    EXPECT_TRUE(good({"c"}).firmware_directory.empty());
+    EXPECT_TRUE(good({"c"}).firmware_refusals.empty());
+}
+
+TEST(Options, TakeEveryFirmwareField) {
+    const char *const names[] = {
+        "total_files_size", "files_recv_len", "total_files_count", "current_file_size", "v",
+        "device_type",      "card_modelid"};
+    for (size_t i = 0; i < 7; i++) {
+        const Options options = good({"--refuse-field", names[i], "c"});
+        ASSERT_EQ(options.firmware_refusals.size(), 1U);
+        EXPECT_EQ(options.firmware_refusals[0].field, static_cast<card::FirmwareField>(i));
+    }
+}
+
+TEST(Options, RefuseWrongFirmware) {
+    for (const char *text :
+         {"", "w", "V", "v ", "v:", "v:0", "v:00", "v:100", "v:g", "v:1:2", ":1", "vv"}) {
+        EXPECT_EQ(wrong({"--refuse-field", text, "c"}),
+                  "options: '--refuse-field' '" + std::string(text) +
+                      "': expected NAME or NAME:STATUS with NAME total_files_size, "
+                      "files_recv_len, total_files_count, current_file_size, v, device_type or "
+                      "card_modelid and STATUS hexadecimal 1 to ff")
+            << text;
+    }
+    for (const char *text :
+         {"", "0", "-1", "x", "1:", "1:0", "1:100", ":1", "1:1:1", "4294967296", "1 "}) {
+        EXPECT_EQ(wrong({"--refuse-block", text, "c"}),
+                  "options: '--refuse-block' '" + std::string(text) +
+                      "': expected N or N:STATUS with N from 1 and STATUS hexadecimal 1 to ff")
+            << text;
+    }
+    EXPECT_EQ(wrong({"--firmware-dir=", "c"}),
+              "options: '--firmware-dir' '': expected a directory");
+    EXPECT_EQ(wrong({"c", "--refuse-block"}),
+              "options: '--refuse-block': value N[:STATUS] is missing");
+}
+
 TEST(Options, HelpAndVersionNeedNoInterface) {
     EXPECT_EQ(good({"--help"}).action, card::Action::kHelp);
     EXPECT_EQ(good({"--drop", "5", "--version"}).action, card::Action::kVersion);
@@ -219,7 +273,9 @@ TEST(Help, NamesEveryOptionAndExitStatus) {
     const std::string text = card::help_text();
     for (const char *part :
          {"--drop-requests P", "--memory-save FILE[@ADDR:LEN]", "--nth", "--lie-field",
-          "--picture-dir DIR", "port_complete", "unanswered_requests", "Exit status:", "SIGUSR1"}) {
+          "--picture-dir DIR", "port_complete", "--firmware-dir DIR",
+          "--refuse-field NAME[:STATUS]", "--refuse-block N[:STATUS]", "firmware_intact",
+          "firmware_transfer_blocks", "unanswered_requests", "Exit status:", "SIGUSR1"}) {
         EXPECT_NE(text.find(part), std::string::npos) << part;
     }
     EXPECT_TRUE(card::version_text().starts_with("ruk-card "));

@@ -66,10 +66,10 @@ int64_t Service::resident_bytes() const {
     return resident * sysconf(_SC_PAGESIZE);
 }
 
-void Service::stop() {
+void Service::stop(const std::string &complaints) {
     process_.send(SIGTERM);
     EXPECT_EQ(process_.wait(), 0) << process_.err();
-    EXPECT_EQ(process_.err(), "");
+    EXPECT_EQ(process_.err(), complaints);
     EXPECT_NE(process_.out().find("rukd: ended\n"), std::string::npos);
 }
 

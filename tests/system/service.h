@@ -17,8 +17,8 @@ public:
     [[nodiscard]] std::string log() const;
     /** Bytes of its memory that are in RAM. */
     [[nodiscard]] int64_t resident_bytes() const;
-    /** End it with SIGTERM; fails the test when that is not its clean end. */
-    void stop();
+    /** End it with SIGTERM; fails the test when that is not its clean end with these complaints. */
+    void stop(const std::string &complaints = "");
 
 private:
     Process process_;
