@@ -113,14 +113,14 @@ std::string counters_json(const Counters &counters) {
 }
 
 std::string counters_help() {
-    constexpr size_t kColumn = 26;
+    constexpr size_t kColumn = 28;
     std::string out;
     for (const CounterRow &row : kRows) {
         std::string line = std::string("  ") + row.name;
         line.resize(kColumn, ' ');
         out += line + row.meaning + "\n";
     }
-    out += "  faults                  an object: how often each fault was committed\n   ";
+    out += "  faults                    an object: how often each fault was committed\n   ";
     for (const char *name : kFaultNames) {
         out += std::string(" ") + name;
     }

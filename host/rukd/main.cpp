@@ -1,5 +1,6 @@
 // rukd - the reference host process: one link, the request service and its file thread, in the
 // foreground, with the log on standard output. Read it before you write a host of your own.
+#include "main/main.h"
 #include "ap_msg/ap_msg.h"
 #include "board/board.h"
 #include "eth_raw/eth_raw.h"
@@ -32,7 +33,8 @@ constexpr char kHelp[] =
     "Environment: APIPC_DIR  directory of the message sockets, /run/apipc without it\n"
     "             APCARD_SLOT  slot of the card that this runs on, 0 without it\n"
     "Needs CAP_NET_RAW and CAP_NET_ADMIN (raw sockets) and CAP_SYS_NICE (real-time threads).\n"
-    "Ends on SIGTERM or SIGINT with status 0; 1 when something is missing, 2 wrong arguments.\n";
+    "Ends on SIGTERM, SIGINT or SIGQUIT with status 0; 1 when something is missing, 2 wrong\n"
+    "arguments. A crash logs \"task_die!!!\" and its stack, then ends with status 0 as well.\n";
 
 volatile sig_atomic_t g_end = 0;
 
@@ -43,7 +45,9 @@ void end_service(int /*signo*/) {
 }
 
 void install_signal_handlers() {
-    for (const int signo : {SIGTERM, SIGINT}) {
+    (void)signal_set(); // a crash leaves its stack in the log
+    // Being told to end is no crash: these get their own handler instead of the one set above.
+    for (const int signo : {SIGTERM, SIGINT, SIGQUIT}) {
         (void)signal(signo, end_service); // cannot fail for these signals
     }
     for (const int signo : {SIGHUP, SIGPIPE}) {

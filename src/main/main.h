@@ -44,6 +44,71 @@ RUK_API int msg_recv(void);
 RUK_API int LoadPicture(uint32_t addr, uint32_t hor, uint32_t ver, const char *filename,
                         const char *ts, const char *sel);
 
+typedef void (*signal_handler)(int);
+
+/**
+ * Let task_die handle SIGTERM, SIGINT, SIGQUIT and SIGSEGV, and ignore SIGHUP, in the whole
+ * process. No signal mask is changed. A handler of its own the host installs afterwards.
+ *
+ * Returns what SIGHUP was set to before.
+ * Threads: any; once, early.  Signal handlers: no.
+ */
+RUK_API signal_handler signal_set(void);
+
+/**
+ * End the process: log "task_die!!!" and the stack, release the free blocks of the memory pool,
+ * exit with status 0. So status 0 does not tell a crash from an orderly end; the log does.
+ *
+ *   signo  ignored
+ *
+ * Entered while it is under way, by a second signal or from another thread, it ends the process at
+ * once with status 1. So does an alarm after 5 s, which takes over SIGALRM and the real-time timer,
+ * when the end gets stuck or what the host has registered with atexit takes longer. A second fault
+ * on the same thread is left to the kernel, which ends the process by SIGSEGV.
+ *
+ * Does not return. Threads: any.  Signal handlers: meant for them, although the log, backtrace,
+ * the pool and exit are not safe there: the process is at its end, and the above keeps it from
+ * hanging.
+ */
+RUK_API void task_die(int signo);
+
+/**
+ * Log the call stack: the number of addresses, at most 100, then one line for each, innermost
+ * first. Exits with status 1 when there is no memory for the lines (logged).
+ * Threads: any.  Signal handlers: as task_die.
+ */
+RUK_API void putstackinfo(void);
+
+/**
+ * Print to console: let standard output go to the terminal of standard input, as the command "tty"
+ * names it. What is still buffered in stdout goes there as well.
+ *
+ * Returns 1 when it does; another descriptor of the terminal stays open. Nonzero with standard
+ * output untouched: -1, no terminal, none that may be opened, "tty" could not be run or its name
+ * has more than 30 characters (the last two logged). 0: it was opened but did not become standard
+ * output (logged).
+ * Threads: one at a time.  Blocks: until the command has ended.  Signal handlers: no.
+ */
+RUK_API int ptoc(void);
+
+/**
+ * Read len bytes, 1..1400, from a card and print what came as process_recvbuf does; the address
+ * line alone when nothing did. Arguments as for RawSockSendMsgWithReadWait. Errors are logged.
+ *
+ * Each call takes a block of 2048 bytes of the memory pool for good, and posts sem_test once.
+ * Threads: any.  Blocks: 540 ms at most.  Signal handlers: no.
+ */
+RUK_API void read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint32_t len);
+
+/**
+ * Write one byte, 0, to a card and wait for its acknowledgement. Arguments as for
+ * RawSockSendMsgWithAckWait. Errors are logged; what the card answered is not told.
+ *
+ * Posts sem_test as that function does. Threads: any.  Blocks: 540 ms at most.  Signal handlers:
+ * no.
+ */
+RUK_API void write_reg(int index, uint16_t model, uint8_t slot, uint32_t addr);
+
 #ifdef __cplusplus
 }
 #endif

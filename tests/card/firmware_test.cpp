@@ -301,7 +301,7 @@ TEST_F(FirmwareTest, MakesNoMoreRoomThanAnnounced) {
     send_fields(static_cast<uint32_t>(image.size()));
     send_blocks(image, 0, 2048);
     EXPECT_LE(card_->firmware.transfer.image.capacity(), 4096U);
-    send_blocks(image, 2048, 99 * 1024);
+    send_blocks(image, 2048, size_t{99} * 1024);
     EXPECT_LE(card_->firmware.transfer.image.capacity(), image.size());
 }
 

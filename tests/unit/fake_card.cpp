@@ -45,6 +45,12 @@ int __wrap_RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, u
                                       uint8_t code, uint32_t len, uint8_t *read_buf,
                                       uint32_t *out_len, int32_t ticks);
 
+int __wrap_RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot,
+                                 uint32_t addr, uint8_t code, const uint8_t *data, uint32_t len);
+int __wrap_RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot,
+                                  uint32_t addr, uint8_t code, uint32_t len, uint8_t *read_buf,
+                                  uint32_t *out_len);
+
 int __wrap_RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                           const uint8_t *data, uint32_t len) {
     Card &c = card();
@@ -86,7 +92,28 @@ int __wrap_RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, u
     }
     const ReadAnswer answer = answer_read(call);
     std::copy(answer.data.begin(), answer.data.end(), read_buf);
-    *out_len = static_cast<uint32_t>(answer.data.size());
+    *out_len = answer.told_len.value_or(static_cast<uint32_t>(answer.data.size()));
+    return answer.result;
+}
+
+int __wrap_RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot,
+                                 uint32_t addr, uint8_t code, const uint8_t *data, uint32_t len) {
+    Card &c = card();
+    const std::lock_guard guard(c.lock);
+    c.calls.push_back(
+        {'A', index, model, slot, addr, code, Bytes(data, data + len), len, 0, requester});
+    return 0;
+}
+
+int __wrap_RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot,
+                                  uint32_t addr, uint8_t code, uint32_t len, uint8_t *read_buf,
+                                  uint32_t * /*out_len*/) {
+    Card &c = card();
+    const std::lock_guard guard(c.lock);
+    const CardCall call{'R', index, model, slot, addr, code, {}, len, 0, requester};
+    c.calls.push_back(call);
+    const ReadAnswer answer = c.answer_read(call);
+    std::copy(answer.data.begin(), answer.data.end(), read_buf);
     return answer.result;
 }
 
@@ -121,6 +148,16 @@ CardCall acked_write(int index, uint16_t model, uint8_t slot, uint32_t addr, con
 CardCall read_of(int index, uint16_t model, uint8_t slot, uint32_t addr, uint32_t len,
                  int32_t ticks) {
     return {'r', index, model, slot, addr, 0, {}, len, ticks};
+}
+
+CardCall acked_write_without_waiting(int index, uint16_t model, uint8_t slot, uint32_t addr,
+                                     const Bytes &bytes) {
+    return {'A', index, model, slot, addr, 0x11, bytes, static_cast<uint32_t>(bytes.size()), 0, 0};
+}
+
+CardCall read_without_waiting_of(int index, uint16_t model, uint8_t slot, uint32_t addr,
+                                 uint32_t len) {
+    return {'R', index, model, slot, addr, 0, {}, len, 0, 0};
 }
 
 void card_reset() {

@@ -1,19 +1,21 @@
-// fake_card.h - the transaction layer's three send operations, answered by the test.
+// fake_card.h - the transaction layer's send operations, answered by the test.
 //
-// Linked with --wrap=RawSockSendMsg,RawSockSendMsgWithAckWait,RawSockSendMsgWithReadWait: each call
-// is recorded with all its arguments and gets the answer that the test has set.
+// Linked with --wrap=RawSockSendMsg,RawSockSendMsgWithAckWait,RawSockSendMsgWithReadWait, and where
+// it matters --wrap=RawSockSendMsgWithAck,RawSockSendMsgWithRead: each call is recorded with all
+// its arguments and gets the answer that the test has set. Operations that do not wait succeed.
 #ifndef TESTS_UNIT_FAKE_CARD_H
 #define TESTS_UNIT_FAKE_CARD_H
 
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <optional>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
 
 struct CardCall {
-    char kind; // 'w' plain write, 'a' acknowledged write, 'r' read
+    char kind; // 'w' plain write, 'a' acknowledged write, 'r' read; 'A', 'R' without waiting
     int index;
     uint16_t model;
     uint8_t slot;
@@ -21,7 +23,8 @@ struct CardCall {
     uint8_t code;
     Bytes bytes; // of writes
     uint32_t len;
-    int32_t ticks; // of acknowledged writes and reads
+    int32_t ticks;          // of acknowledged writes and reads
+    uint32_t requester = 0; // of those without waiting
 
     bool operator==(const CardCall &) const = default;
 };
@@ -34,10 +37,16 @@ CardCall acked_write(int index, uint16_t model, uint8_t slot, uint32_t addr, con
 CardCall read_of(int index, uint16_t model, uint8_t slot, uint32_t addr, uint32_t len,
                  int32_t ticks);
 
+CardCall acked_write_without_waiting(int index, uint16_t model, uint8_t slot, uint32_t addr,
+                                     const Bytes &bytes);
+CardCall read_without_waiting_of(int index, uint16_t model, uint8_t slot, uint32_t addr,
+                                 uint32_t len);
+
 /** As the real read does it: 0 when data came, which lie in the buffer whatever was asked for. */
 struct ReadAnswer {
     int result;
-    Bytes data; // at most 1400 bytes
+    Bytes data;                            // at most 1400 bytes
+    std::optional<uint32_t> told_len = {}; // when it is not that of the data
 };
 
 /** Forget all calls; writes succeed again, reads give as many zeros as they ask for. */

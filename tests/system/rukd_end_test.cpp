@@ -1,0 +1,85 @@
+// How rukd ends: told to, or crashed.
+#include "service.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <regex>
+
+namespace bed {
+
+namespace {
+
+class ServiceEnd : public SystemTest {
+protected:
+    Directory directory;
+    std::string sockets = directory.path("m");
+};
+
+// The thread sanitizer would report that the crash handler calls what is not safe in a handler,
+// which it does on purpose.
+Launch rukd_that_may_crash(const std::string &sockets) {
+    Launch launch = rukd_command(sockets);
+    launch.in_child = [inner = launch.in_child] {
+        inner();
+        const char *options = getenv("TSAN_OPTIONS");
+        std::string more = options != nullptr ? options : "";
+        more += ":report_signal_unsafe=0";
+        (void)setenv("TSAN_OPTIONS", more.c_str(), 1);
+    };
+    return launch;
+}
+
+TEST_F(ServiceEnd, IsCleanOnEverySignalThatAsksForIt) {
+    for (const int signo : {SIGTERM, SIGINT, SIGQUIT}) {
+        Process rukd(rukd_command(sockets));
+        ASSERT_TRUE(rukd.await_output("rukd: ready")) << rukd.err();
+        rukd.send(signo);
+        EXPECT_EQ(rukd.wait(), 0) << signo;
+        EXPECT_TRUE(rukd.out().ends_with("rukd: ended\n")) << rukd.out();
+        EXPECT_EQ(count(rukd.out(), "task_die"), 0) << signo;
+    }
+}
+
+TEST_F(ServiceEnd, DoesNotComeWithItsTerminal) {
+    Process rukd(rukd_command(sockets));
+    ASSERT_TRUE(rukd.await_output("rukd: ready")) << rukd.err();
+    rukd.send(SIGHUP);
+    const Client client(sockets, 0x50);
+    expect_greeting(client);
+    rukd.send(SIGTERM);
+    EXPECT_EQ(rukd.wait(), 0) << rukd.err();
+}
+
+TEST_F(ServiceEnd, LeavesTheStackOfACrashInTheLog) {
+    Process rukd(rukd_that_may_crash(sockets));
+    ASSERT_TRUE(rukd.await_output("rukd: ready")) << rukd.err();
+    rukd.send(SIGSEGV);
+    EXPECT_EQ(rukd.wait(), 0) << rukd.err();
+    EXPECT_EQ(rukd.err(), "");
+    const std::string out = rukd.out();
+    EXPECT_EQ(count(out, "rukd: ended"), 0) << out;
+    static const std::regex report(R"(task_die/ +\d+ \]:: task_die!!!\n)"
+                                   R"([^\n]*\]:: backtrace\(\) returned (\d+) addresses\n)");
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_search(out, parts, report)) << out;
+    // Other threads may log meanwhile, so only the stack's own lines count.
+    const std::string stack = parts.suffix();
+    EXPECT_EQ(count(stack, " putstackinfo/"), std::stoi(parts[1])) << out;
+    EXPECT_EQ(count(stack, "rukd(task_die+0x"), 1) << out; // published names are told
+    EXPECT_EQ(count(stack, "(__libc_start_main+0x"), 1) << out;
+}
+
+TEST_F(ServiceEnd, LeavesTheAddressFreeAfterACrash) {
+    Process crashed(rukd_that_may_crash(sockets));
+    ASSERT_TRUE(crashed.await_output("rukd: ready")) << crashed.err();
+    crashed.send(SIGSEGV);
+    EXPECT_EQ(crashed.wait(), 0);
+    Service next(sockets);
+    const Client client(sockets, 0x50);
+    expect_greeting(client);
+    next.stop();
+}
+
+} // namespace
+
+} // namespace bed
