@@ -31,6 +31,11 @@ void FreeFrameBuffer::operator()(uint8_t *buf) const {
     RawMsgBuffFree(buf);
 }
 
+void announce_write(const CommandLine &line, size_t len) {
+    LOG("write fpga %d , register : 0x%08x , length : %d value :", line.index, line.addr,
+        static_cast<int>(len));
+}
+
 bool source_from_values(const CommandLine &line, Source &source) {
     uint8_t *buf = take_buffer(source, kCommandBuffer);
     if (buf == nullptr) {
@@ -38,8 +43,7 @@ bool source_from_values(const CommandLine &line, Source &source) {
     }
     const ErrnoKeeper keep_errno; // the send that follows decides by errno
     const auto values = line.argv.subspan(kArgOwn);
-    LOG("write fpga %d , register : 0x%08x , length : %d value :", line.index, line.addr,
-        static_cast<int>(values.size()));
+    announce_write(line, values.size());
     source.len = static_cast<uint32_t>(std::min<size_t>(values.size(), kCommandBuffer));
     for (uint32_t i = 0; i < source.len; i++) {
         buf[i] = static_cast<uint8_t>(parse_hex(values[i]));

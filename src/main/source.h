@@ -9,10 +9,11 @@
 struct FreeFrameBuffer {
     void operator()(uint8_t *buf) const;
 };
+using FrameBuffer = std::unique_ptr<uint8_t, FreeFrameBuffer>;
 
 /** Bytes and their owner: a frame buffer, or the heap for what no frame buffer holds. */
 struct Source {
-    std::unique_ptr<uint8_t, FreeFrameBuffer> frame_buffer;
+    FrameBuffer frame_buffer;
     HeapBytes heap;
     uint32_t len = 0;
 
@@ -20,6 +21,9 @@ struct Source {
         return frame_buffer != nullptr ? frame_buffer.get() : heap.get();
     }
 };
+
+/** Log which register so many bytes go to; the line stays open for the bytes. */
+void announce_write(const CommandLine &line, size_t len);
 
 /** The value bytes from argv[6] on, shown as they are taken. False: no buffer (logged). */
 bool source_from_values(const CommandLine &line, Source &source);

@@ -3,6 +3,7 @@
 #include "log/write.h"
 #include "main/source.h"
 #include "main/usage.h"
+#include "main/write_tests.h"
 #include "mem/locks.h"
 #include "raw_msg/raw_msg.h"
 
@@ -10,62 +11,88 @@
 
 namespace {
 
-using WriteOperation = void (*)(const CommandLine &line, const Source &source);
-
-void write_plain(const CommandLine &line, const Source &source) {
-    (void)RawSockSendMsg(line.index, line.model, line.slot, line.addr, RAW_MSG_CODE_WRITE,
-                         source.data(),
-                         source.len); // a failure is logged
+uint32_t length_of(std::span<const uint8_t> data) {
+    return static_cast<uint32_t>(data.size());
 }
+
+void send_plain(const CommandLine &line, std::span<const uint8_t> data) {
+    (void)RawSockSendMsg(line.index, line.model, line.slot, line.addr, RAW_MSG_CODE_WRITE,
+                         data.data(), length_of(data)); // a failure is logged
+}
+
+void send_with_ack(const CommandLine &line, std::span<const uint8_t> data) {
+    (void)RawSockSendMsgWithAck(0, line.index, line.model, line.slot, line.addr,
+                                RAW_MSG_CODE_WRITE_ACK, data.data(),
+                                length_of(data)); // a failure is logged
+}
+
+void send_with_ack_and_wait(const CommandLine &line, std::span<const uint8_t> data) {
+    uint8_t status = 0;
+    (void)RawSockSendMsgWithAckWait(line.index, line.model, line.slot, line.addr,
+                                    RAW_MSG_CODE_WRITE_ACK, data.data(), length_of(data), &status,
+                                    kWaitTicks); // a failure is logged
+}
+
+constexpr WriteForm kPlain{.send = send_plain, .posts = false, .is_pipelined = false};
+constexpr WriteForm kWithAck{.send = send_with_ack, .posts = true, .is_pipelined = true};
+constexpr WriteForm kWithAckAndWait{
+    .send = send_with_ack_and_wait, .posts = true, .is_pipelined = false};
 
 // Every frame posts when it ends. The first post alone would end the tool while later frames of a
 // file are still waiting for their acknowledgement, and a lost one would never be sent again.
-void write_with_ack(const CommandLine &line, const Source &source) {
-    (void)RawSockSendMsgWithAck(0, line.index, line.model, line.slot, line.addr,
-                                RAW_MSG_CODE_WRITE_ACK, source.data(),
-                                source.len); // a failure is logged
-    if (source.len == 0) {
-        return; // nothing was sent, so nothing will end
-    }
+void await_all_ends(int index) {
     do {
         wait_full(sem_test);
-    } while (queue_get(line.index, ACK_QUEUE) != nullptr);
+    } while (queue_get(index, ACK_QUEUE) != nullptr);
 }
 
-void write_with_ack_and_wait(const CommandLine &line, const Source &source) {
-    uint8_t status = 0;
-    (void)RawSockSendMsgWithAckWait(line.index, line.model, line.slot, line.addr,
-                                    RAW_MSG_CODE_WRITE_ACK, source.data(), source.len, &status,
-                                    kWaitTicks); // a failure is logged
-    wait_full(sem_test);
+void write_source(const CommandLine &line, const WriteForm &form, const Source &source) {
+    form.send(line, {source.data(), source.len});
+    if (!form.is_pipelined && form.posts) {
+        wait_full(sem_test);
+    } else if (form.is_pipelined && source.len > 0) { // of nothing, nothing will end
+        await_all_ends(line.index);
+    }
 }
 
-Outcome run_write_command(const CommandLine &line, WriteOperation operation) {
+bool take_source(const CommandLine &line, Source &source) {
+    constexpr char kValuePrefix[] = "0x";
+    const bool has_values = strncmp(line.argv[kArgOwn], kValuePrefix, strlen(kValuePrefix)) == 0;
+    return has_values ? source_from_values(line, source) : source_from_file(line, source);
+}
+
+Outcome write_once(const CommandLine &line, const WriteForm &form) {
+    Source source;
+    if (!take_source(line, source)) {
+        return Outcome::kAbandoned;
+    }
+    write_source(line, form, source);
+    return Outcome::kDone;
+}
+
+Outcome run_write_command(const CommandLine &line, const WriteForm &form) {
     if (line.argv.size() <= kArgOwn) {
         usage();
         return Outcome::kAbandoned;
     }
-    constexpr char kValuePrefix[] = "0x";
-    const bool has_values = strncmp(line.argv[kArgOwn], kValuePrefix, strlen(kValuePrefix)) == 0;
-    Source source;
-    if (has_values ? !source_from_values(line, source) : !source_from_file(line, source)) {
-        return Outcome::kAbandoned;
+    const auto tested = run_write_test(line, form);
+    const Outcome outcome = tested ? *tested : write_once(line, form);
+    if (outcome == Outcome::kDone) {
+        LOG("write register end\n");
     }
-    operation(line, source);
-    LOG("write register end\n");
-    return Outcome::kDone;
+    return outcome;
 }
 
 } // namespace
 
 Outcome run_write(const CommandLine &line) {
-    return run_write_command(line, write_plain);
+    return run_write_command(line, kPlain);
 }
 
 Outcome run_writea(const CommandLine &line) {
-    return run_write_command(line, write_with_ack);
+    return run_write_command(line, kWithAck);
 }
 
 Outcome run_writeaw(const CommandLine &line) {
-    return run_write_command(line, write_with_ack_and_wait);
+    return run_write_command(line, kWithAckAndWait);
 }

@@ -15,7 +15,15 @@ struct RecordList {
     RawMsgQueueNode *tail; // meaningless while head is null
 };
 
+// Thousands of requests may be under way, and every reply looks for its own. Numbers are given out
+// in turn, so their low bits spread the records evenly.
+constexpr size_t kSeqEndings = 1024;
+struct SeqIndex {
+    RawMsgQueueNode *newest[kSeqEndings];
+};
+
 RecordList Qlist[kQueueInterfaces][kQueueKinds];         // each guarded by its mtx
+SeqIndex Qindex[kQueueInterfaces][kQueueKinds];          // likewise, of the same records
 int32_t Qcount[kQueueInterfaces][kQueueKinds];           // each guarded by its mtx
 pthread_mutex_t mtx[kQueueInterfaces][kQueueKinds];      // only mutex_mem is taken under one
 pthread_mutex_t mutex_find = PTHREAD_MUTEX_INITIALIZER;  // reply callbacks; mtx is taken under it
@@ -38,6 +46,35 @@ bool is_any_queue(const void *home) {
         }
     }
     return false;
+}
+
+void add_to_index_locked(SeqIndex &index, RawMsgQueueNode *record) {
+    RawMsgQueueNode *&newest = index.newest[record->seq % kSeqEndings];
+    record->older = newest;
+    record->newer = &newest;
+    if (newest != nullptr) {
+        newest->newer = &record->older;
+    }
+    newest = record;
+}
+
+void remove_from_index_locked(RawMsgQueueNode *record) {
+    *record->newer = record->older;
+    if (record->older != nullptr) {
+        record->older->newer = record->newer;
+    }
+}
+
+// The oldest of several matches stands last.
+RawMsgQueueNode *oldest_match_locked(const SeqIndex &index, uint32_t addr, uint16_t seq) {
+    RawMsgQueueNode *match = nullptr;
+    for (RawMsgQueueNode *record = index.newest[seq % kSeqEndings]; record != nullptr;
+         record = record->older) {
+        if (record->addr == addr && record->seq == seq && record->is_done == 0) {
+            match = record;
+        }
+    }
+    return match;
 }
 
 void link_locked(RecordList &list, RawMsgQueueNode *record) {
@@ -65,6 +102,7 @@ void unlink_locked(RecordList &list, RawMsgQueueNode *record) {
         record->next->prev = record->prev;
     }
     record->home = nullptr;
+    remove_from_index_locked(record);
 }
 
 // The marks are cleared because the pool hands blocks out again as they are.
@@ -117,15 +155,13 @@ private:
 RawMsgQueueNode *hold_match(int i, int j, uint32_t addr, uint16_t seq, uint32_t ack,
                             uint32_t recv_len) {
     const MutexGuard guard(mtx[i][j]);
-    for (RawMsgQueueNode *record = Qlist[i][j].head; record != nullptr; record = record->next) {
-        if (record->addr == addr && record->seq == seq && record->is_done == 0) {
-            record->completions += 1;
-            record->ack = ack;
-            record->recv_len = recv_len;
-            return record;
-        }
+    RawMsgQueueNode *record = oldest_match_locked(Qindex[i][j], addr, seq);
+    if (record != nullptr) {
+        record->completions += 1;
+        record->ack = ack;
+        record->recv_len = recv_len;
     }
-    return nullptr;
+    return record;
 }
 
 // Returns the expired records, held and chained through next_due, oldest first.
@@ -182,6 +218,7 @@ void queue_init(void) {
             (void)pthread_mutex_init(&mtx[i][j], nullptr); // cannot fail with default attributes
             const MutexGuard guard(mtx[i][j]);
             Qlist[i][j] = {};
+            Qindex[i][j] = {};
             Qcount[i][j] = 0;
         }
     }
@@ -197,6 +234,7 @@ int queue_add(int i, int j, RawMsgQueueNode *node) {
             return -1;
         }
         link_locked(Qlist[i][j], node);
+        add_to_index_locked(Qindex[i][j], node);
         Qcount[i][j] += 1;
     }
     if (Qcount[i][j] >= kQueueCapacity) {

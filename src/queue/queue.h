@@ -28,7 +28,8 @@ enum {
 
 /**
  * One outstanding request. Comes from mem_alloc, zeroed before use; released by queue_del or
- * queue_empty. A reply belongs to it when both addr and seq are equal.
+ * queue_empty. A reply belongs to it when both addr and seq are equal; they stay as they are while
+ * it is queued.
  */
 typedef struct RawMsgQueueNode {
     uint8_t *buf;       /* payload of the request's frame buffer, kept to send the frame again */
@@ -48,6 +49,8 @@ typedef struct RawMsgQueueNode {
     /* Private to the queues and the send operations; zero in a new record. */
     struct RawMsgQueueNode *prev;
     struct RawMsgQueueNode *next_due; /* next record on a check pass's list */
+    struct RawMsgQueueNode *older;    /* next record whose seq ends alike */
+    struct RawMsgQueueNode **newer;   /* where that list points to this record */
     const void *home;                 /* the queue that links the record, null = none */
     void *owned_block;                /* pool block that is released together with the record */
     uint32_t completions;             /* completions at work on the record */

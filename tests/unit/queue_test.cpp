@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <climits>
@@ -499,6 +500,50 @@ TEST_F(QueueFind, TakesTheOlderOfTwoEqualRequests) {
     (void)find(1, 1);
     (void)find(1, 1);
     EXPECT_EQ(called_records(), (Records{older, older}));
+}
+
+TEST_F(QueueFind, TellsNumbersThatEndAlikeApart) {
+    const uint16_t numbers[] = {5, 5 + 0x400, 5 + 0x800, 5 + 0x1000, 5 + 0x8000, 5 + 0xF000};
+    for (size_t gone = 0; gone < std::size(numbers); gone++) {
+        Records records;
+        for (const uint16_t number : numbers) {
+            records.push_back(new_record(1, number));
+            ASSERT_EQ(queue_add(0, 0, records.back()), 0);
+        }
+        delete_record(records[gone]);
+        records.erase(records.begin() + static_cast<std::ptrdiff_t>(gone));
+        g_calls.clear();
+        for (const uint16_t number : numbers) {
+            (void)find(1, number);
+        }
+        EXPECT_EQ(called_records(), records) << numbers[gone];
+        (void)queue_empty(0, 0);
+    }
+}
+
+TEST_F(QueueFind, FindsTheOldestOfWhateverIsLeft) {
+    std::mt19937 random(1);
+    Records left;
+    for (int step = 0; step < 20000; step++) {
+        const auto addr = static_cast<uint32_t>(random() % 2);
+        const auto seq = static_cast<uint16_t>(random() % 4 * 0x400 + random() % 3);
+        if (random() % 4 == 0 && !left.empty()) {
+            const auto gone = left.begin() + static_cast<std::ptrdiff_t>(random() % left.size());
+            delete_record(*gone);
+            left.erase(gone);
+        } else if (random() % 2 == 0 && left.size() < 50) {
+            left.push_back(new_record(addr, seq));
+            ASSERT_EQ(queue_add(0, 0, left.back()), 0);
+        } else {
+            const auto expected = std::find_if(left.begin(), left.end(), [=](const auto *record) {
+                return record->addr == addr && record->seq == seq;
+            });
+            g_calls.clear();
+            (void)find(addr, seq);
+            ASSERT_EQ(called_records(), expected == left.end() ? Records{} : Records{*expected});
+        }
+    }
+    (void)queue_empty(0, 0);
 }
 
 TEST_F(QueueFind, StoresStatusAndLengthAndHandsTheDataOn) {
