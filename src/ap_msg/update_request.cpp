@@ -78,7 +78,7 @@ int update_file_handle(void *head, void *req) {
     const bool can_be_done =
         read_update_request(static_cast<const uint8_t *>(req), request) && find_file(request.name);
     const int result = can_be_done ? carry_out(request) : -1;
-    uint8_t kind[kKindSize];
+    uint8_t kind[kKindSize] = {};
     store_le(kind, {.offset = 0, .width = kKindSize}, request.kind);
     (void)update_file_resp(head, kind, result); // a requester that is gone needs no reply
     return result;
