@@ -235,14 +235,10 @@ TEST_F(Update, StopsAtABlockThatIsNotAcknowledged) {
         for (const Answer &answer :
              {Answer{0x02, "err! ack = 0X02\r\n "}, Answer{0xFF, "err! ack = 0XFF\r\n "}}) {
             card_reset();
+            size_t blocks = 0;
             card_answers_acked_writes([&](const CardCall &call) {
-                const size_t from = block * 1024;
-                const Bytes image = image_of(firmware);
-                return call.addr == 0x18000000 &&
-                               std::equal(call.bytes.begin(), call.bytes.end(),
-                                          image.begin() + static_cast<ptrdiff_t>(from))
-                           ? answer.status
-                           : uint8_t{0};
+                const bool is_meant = call.addr == 0x18000000 && blocks++ == block;
+                return is_meant ? answer.status : uint8_t{0};
             });
             EXPECT_EQ(updated(path),
                       opening(4000) + kBegin + kSuccess + progress[block] + answer.text + kEnd);
