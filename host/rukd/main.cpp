@@ -10,6 +10,7 @@
 #include "raw_msg/raw_msg.h"
 #include "timer/timer.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -26,7 +27,7 @@ constexpr int kUsage = 2;
 
 constexpr char kHelp[] =
     "usage: rukd [--frames] [INDEX]\n"
-    "Serve register, memory and picture requests of other processes (see ruk-ipc).\n"
+    "Serve register, picture and firmware requests of other processes (see ruk-ipc).\n"
     "  INDEX      interface: 0 = eth0 (the one that requests go to), 1 = eth1, 2 = eth2\n"
     "  --frames   dump every frame on standard output\n"
     "  --help     this text          --version  version\n"
@@ -36,11 +37,12 @@ constexpr char kHelp[] =
     "Ends on SIGTERM, SIGINT or SIGQUIT with status 0; 1 when something is missing, 2 wrong\n"
     "arguments. A crash logs \"task_die!!!\" and its stack, then ends with status 0 as well.\n";
 
-volatile sig_atomic_t g_end = 0;
+std::atomic<bool> g_end{false}; // set on whichever thread takes the signal
+static_assert(std::atomic<bool>::is_always_lock_free, "a handler sets it");
 
 // The main thread waits on sem_test; posting it is all that a handler may do to wake it.
 void end_service(int /*signo*/) {
-    g_end = 1;
+    g_end = true;
     post_test();
 }
 
@@ -163,7 +165,7 @@ bool start_service(int index) {
 // Each request that waited for a card has posted too; taking the posts keeps the count from
 // running over in a process that serves for years.
 void wait_for_end() {
-    while (g_end == 0) {
+    while (!g_end) {
         (void)sem_wait(&sem_test); // also ended by every tick
     }
 }
