@@ -8,8 +8,13 @@ target_compile_options(ruk_options INTERFACE
     $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>
     $<$<BOOL:${RUK_WERROR}>:-Werror>)
 
+# The checks for undefined behaviour are for what is tested; in test code they only take time.
+define_property(TARGET PROPERTY RUK_IS_TEST INITIALIZE_FROM_VARIABLE DEFAULT_RUK_IS_TEST
+                BRIEF_DOCS "compiled as test code")
+
 if(RUK_SANITIZE)
     target_compile_options(ruk_options INTERFACE -fsanitize=${RUK_SANITIZE} -fno-omit-frame-pointer
-                                                 -fno-sanitize-recover=all)
+        -fno-sanitize-recover=all
+        $<$<BOOL:$<TARGET_PROPERTY:RUK_IS_TEST>>:-fno-sanitize=undefined>)
     target_link_options(ruk_options INTERFACE -fsanitize=${RUK_SANITIZE})
 endif()
