@@ -130,9 +130,11 @@ TEST_F(NoLink, ALinkThatGoesDownMeanwhileEndsEveryCommand) {
         ASSERT_TRUE(capture.await_sent(1));
         const LinkDown down;
         EXPECT_EQ(tool.wait(), 0) << form.word;
-        // Resends fail as soon as the link is down; the command before may take its time.
-        EXPECT_EQ(capture.sent().size() + static_cast<size_t>(count(tool.err(), "sendto fail:")),
-                  form.frames);
+        EXPECT_EQ(count(tool.out(), "send msg again ("), static_cast<int>(form.frames) - 1);
+        // Resends fail as soon as the link is down. While it is going down the kernel swallows them
+        // without an error.
+        const auto failed = static_cast<size_t>(count(tool.err(), "sendto fail:"));
+        EXPECT_LE(capture.sent().size() + failed, form.frames);
         EXPECT_EQ(count(tool.out(), "register end"), 1) << tool.out();
     }
 }
