@@ -4,6 +4,7 @@
 
 #include "ap_msg/ap_msg.h"
 #include "ap_msg/reply.h"
+#include "mem/locks.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -14,10 +15,18 @@ namespace {
 constexpr uint32_t kReportMessageId = 14;
 
 void print_header(std::span<const uint8_t> header) {
+    const StdoutGuard whole_dump;
     for (const uint8_t byte : header) {
         printf("%02x ", byte);
     }
     printf("\n end ");
+}
+
+void print_write_report(std::span<const uint8_t> header, int result) {
+    const StdoutGuard whole_report;
+    printf("WriteAckResultReport result:%d\n", result);
+    print_header(header);
+    printf("\n");
 }
 
 } // namespace
@@ -34,9 +43,7 @@ void WriteAckResultReport(RawMsgQueueNode *record, int result) {
     store_le(report, message::kCode, message::kCodeWriteAck);
     store_le(report, message::kAddr, record->addr);
 
-    printf("WriteAckResultReport result:%d\n", result);
-    print_header(report);
-    printf("\n");
+    print_write_report(report, result);
     (void)ApipcDataSendAck(static_cast<int>(record->requester), report); // nobody to tell
 }
 

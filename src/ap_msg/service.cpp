@@ -5,6 +5,7 @@
 #include "ap_msg/reply.h"
 #include "board/board.h"
 #include "log/write.h"
+#include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 
 #include <cstdio>
@@ -15,6 +16,7 @@ namespace {
 constexpr int kServicePriority = 88; // below the link's receive thread, whose answers it waits for
 
 void dump(std::span<const uint8_t> message) {
+    const StdoutGuard whole_dump;
     for (const uint8_t byte : message) {
         printf("%02x ", byte);
     }

@@ -5,6 +5,7 @@
 #include "log/errno_keeper.h"
 #include "log/write.h"
 #include "main/usage.h"
+#include "mem/locks.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -25,6 +26,16 @@ uint8_t *take_buffer(Source &source, uint32_t len) {
     return buf;
 }
 
+// One line: the receive thread's come before or behind it.
+void show_values(const CommandLine &line, size_t given, std::span<const uint8_t> taken) {
+    const StdoutGuard whole_line;
+    announce_write(line, given);
+    for (const uint8_t byte : taken) {
+        printf("%02x ", byte);
+    }
+    printf("\n");
+}
+
 } // namespace
 
 void FreeFrameBuffer::operator()(uint8_t *buf) const {
@@ -43,13 +54,10 @@ bool source_from_values(const CommandLine &line, Source &source) {
     }
     const ErrnoKeeper keep_errno; // the send that follows decides by errno
     const auto values = line.argv.subspan(kArgOwn);
-    announce_write(line, values.size());
     source.len = static_cast<uint32_t>(std::min<size_t>(values.size(), kCommandBuffer));
-    for (uint32_t i = 0; i < source.len; i++) {
-        buf[i] = static_cast<uint8_t>(parse_hex(values[i]));
-        printf("%02x ", buf[i]);
-    }
-    printf("\n");
+    std::transform(values.begin(), values.begin() + source.len, buf,
+                   [](const char *value) { return static_cast<uint8_t>(parse_hex(value)); });
+    show_values(line, values.size(), {buf, source.len});
     if (values.size() > source.len) {
         LOG("main: write values: more than one frame's %d bytes, the others ignored\n",
             static_cast<int>(source.len));

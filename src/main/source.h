@@ -25,7 +25,7 @@ struct Source {
 /** Log which register so many bytes go to; the line stays open for the bytes. */
 void announce_write(const CommandLine &line, size_t len);
 
-/** The value bytes from argv[6] on, shown as they are taken. False: no buffer (logged). */
+/** The value bytes from argv[6] on, which are shown. False: no buffer (logged). */
 bool source_from_values(const CommandLine &line, Source &source);
 
 /** The whole file argv[6]. False: not found (usage printed), unreadable, no buffer (logged). */
