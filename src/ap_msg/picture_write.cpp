@@ -24,8 +24,8 @@ constexpr Field kRun{0, 1};
 constexpr Field kWidth{1, 2};
 constexpr Field kHeight{3, 2};
 constexpr uint32_t kControlSize = 6;
-constexpr uint8_t kStart = 1;
-constexpr uint8_t kStop = 0;
+constexpr uint32_t kStart = 1;
+constexpr uint32_t kStop = 0;
 
 struct Card {
     int index;
@@ -38,6 +38,12 @@ void control(const Card &card, const uint8_t *record, uint32_t len) {
     uint8_t status = 0;
     (void)RawSockSendMsgWithAckWait(card.index, card.model, card.slot, kControlRegister,
                                     RAW_MSG_CODE_WRITE_ACK, record, len, &status, kControlTicks);
+}
+
+void run(const Card &card, uint32_t start_or_stop) {
+    uint8_t record[kRun.width] = {};
+    store_le(record, kRun, start_or_stop);
+    control(card, record, sizeof record);
 }
 
 // Every block goes to the same address: the port appends them.
@@ -58,9 +64,9 @@ int DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t addr, uint16_t h
     store_le(record, kWidth, hor);
     store_le(record, kHeight, ver);
     control(card, record, sizeof record);
-    control(card, &kStart, sizeof kStart);
+    run(card, kStart);
     send_pixels(card, pixels, bytes_of(hor, ver, kPixelSize));
-    control(card, &kStop, sizeof kStop);
+    run(card, kStop);
     return 0;
 }
 
