@@ -71,6 +71,7 @@ void DDR2Write(uint8_t ts_sel, uint8_t fpga_sel, uint32_t addr, uint32_t hor, ui
     if (ddr_sel >= std::size(kChunkWriters)) {
         return;
     }
+    const SleepsOnTime short_pauses; // hundreds of them, behind each chunk
     for (uint64_t offset = 0; offset < total; offset += kChunkSize) {
         const auto length = static_cast<uint16_t>(std::min<uint64_t>(kChunkSize, total - offset));
         kChunkWriters[ddr_sel](ts_sel, fpga_sel, addr, length, 0, aligned.get() + offset);

@@ -6,12 +6,14 @@
 
 #include <ctime>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 
 namespace {
 
 int g_sleeps = 0;
 int64_t g_called_at_ns = 0; // of the latest sleep, on its clock
 int64_t g_until_ns = 0;
+int g_slack_ns = 0; // how much later the kernel may wake the thread
 
 int64_t nanoseconds(const timespec &time) {
     return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
@@ -35,6 +37,7 @@ int __wrap_clock_nanosleep(clockid_t /*clock*/, int /*flags*/, const timespec *u
     g_sleeps += 1;
     g_called_at_ns = now_ns();
     g_until_ns = nanoseconds(*until);
+    g_slack_ns = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
     return 0;
 }
 }
@@ -274,6 +277,14 @@ TEST_F(Ddr2Write, PausesOnlyBehindTheFirstMemorysChunks) {
     EXPECT_EQ(g_sleeps, 1);
     EXPECT_GE(g_until_ns, before + 2000);
     EXPECT_LE(g_until_ns, g_called_at_ns + 2000);
+}
+
+TEST_F(Ddr2Write, KeepsThePausesOfAPictureShort) {
+    ASSERT_EQ(prctl(PR_SET_TIMERSLACK, 50000UL, 0, 0, 0), 0);
+    const Bytes pixels = test::pattern(64);
+    (void)test::log_of([&] { DDR2Write('e', 1, kAddr, 16, 1, pixels.data(), 0); });
+    EXPECT_EQ(g_slack_ns, 1);
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), 50000);
 }
 
 TEST_F(Ddr2Write, LogsAChunkBetweenItsBytesAndItsRecord) {

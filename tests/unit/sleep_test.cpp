@@ -8,6 +8,7 @@
 #include "timer/timer.h"
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/time.h>
 
 #include <atomic>
@@ -67,6 +68,24 @@ TEST_F(SleepFull, CarriesWholeSeconds) {
     const steady::time_point start = steady::now();
     sleep_full(1100ms); // passes a second's end wherever it starts
     EXPECT_GE(steady::now() - start, 1100ms);
+}
+
+int slack() {
+    return prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
+}
+
+TEST(SleepsOnTimeTest, TakesTheSlackOfItsThreadForAScope) {
+    std::thread([] { // its own, so that no other test sees the change
+        for (const unsigned long before : {50000UL, 7UL}) {
+            ASSERT_EQ(prctl(PR_SET_TIMERSLACK, before, 0, 0, 0), 0);
+            {
+                const SleepsOnTime scope;
+                EXPECT_EQ(slack(), 1);
+            }
+            EXPECT_EQ(slack(), static_cast<int>(before));
+        }
+    })
+        .join();
 }
 
 TEST_F(SleepFull, ReturnsForNoTimeAndForLessThanNone) {
