@@ -29,11 +29,11 @@ uint16_t packet_checksum_calc(const uint8_t *frame, uint32_t L) {
     if (L < bus_block::kSummedFrom + kChecksumSize) {
         return 0;
     }
-    uint32_t sum = 0;
+    uint16_t sum = 0; // modulo 65536
     for (size_t i = bus_block::kSummedFrom; i < L - kChecksumSize; i++) {
-        sum += frame[i];
+        sum = static_cast<uint16_t>(sum + frame[i]);
     }
-    return static_cast<uint16_t>(sum); // wraps modulo 65536
+    return sum;
 }
 
 int packet_checksum_judge(uint16_t x, uint16_t y) {

@@ -7,13 +7,14 @@
 
 namespace {
 
-// Both sides of the link add up the bytes from their first header field to the end of the payload.
+// Both sides of the link add up the bytes from their first header field to the end of the payload,
+// modulo 65536. A sum no wider than that makes vector code of twice the speed.
 uint16_t checksum(std::span<const uint8_t> bytes) {
-    uint32_t sum = kChecksumStart;
+    uint16_t sum = kChecksumStart;
     for (const uint8_t byte : bytes) {
-        sum += byte;
+        sum = static_cast<uint16_t>(sum + byte);
     }
-    return static_cast<uint16_t>(sum); // wraps modulo 65536
+    return sum;
 }
 
 bool has_address(const uint8_t *frame, Field field, std::span<const uint8_t> address) {
