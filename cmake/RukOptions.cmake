@@ -8,6 +8,10 @@ target_compile_options(ruk_options INTERFACE
     $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>
     $<$<BOOL:${RUK_WERROR}>:-Werror>)
 
+# For 32-bit ARM functions that throw nothing are otherwise left out of the tables by which the crash
+# handler follows the stack, and it would end at the first of them. Other machines do this anyway.
+target_compile_options(ruk_options INTERFACE -funwind-tables)
+
 # The checks for undefined behaviour are for what is tested; in test code they only take time.
 define_property(TARGET PROPERTY RUK_IS_TEST INITIALIZE_FROM_VARIABLE DEFAULT_RUK_IS_TEST
                 BRIEF_DOCS "compiled as test code")
