@@ -3,6 +3,7 @@
 #include "arguments.h"
 #include "help.h"
 #include "json.h"
+#include "log/standard_streams.h"
 #include "run.h"
 #include "text.h"
 
@@ -11,22 +12,11 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <fcntl.h>
-#include <unistd.h>
+#include <span>
 
 namespace {
 
 using ipc::Status;
-
-// A socket must not take the place of a standard stream that the caller closed. What is written
-// there fails, as it would have.
-void fill_standard_streams() {
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(fd, F_GETFD) < 0) {
-            (void)open("/dev/null", O_RDONLY); // gets this number, the lowest that is free
-        }
-    }
-}
 
 void complain(const std::string &message) {
     (void)std::fprintf(stderr, "ruk-ipc: %s\n", message.c_str());

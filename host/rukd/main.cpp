@@ -5,6 +5,7 @@
 #include "board/board.h"
 #include "eth_raw/eth_raw.h"
 #include "log/log.h"
+#include "log/standard_streams.h"
 #include "mem/mem.h"
 #include "queue/queue.h"
 #include "raw_msg/raw_msg.h"
@@ -18,12 +19,14 @@
 #include <cstring>
 #include <net/if.h>
 #include <string_view>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int kMissing = 1; // exit status: something that the service needs is not there
 constexpr int kUsage = 2;
+constexpr unsigned kLastWordsSeconds = 2;
 
 constexpr char kHelp[] =
     "usage: rukd [--frames] [INDEX]\n"
@@ -46,6 +49,10 @@ void end_service(int /*signo*/) {
     post_test();
 }
 
+void end_at_once(int /*signo*/) {
+    _exit(0);
+}
+
 void install_signal_handlers() {
     (void)signal_set(); // a crash leaves its stack in the log
     // Being told to end is no crash: these get their own handler instead of the one set above.
@@ -63,6 +70,14 @@ int wrong(const char *word) {
     return kUsage;
 }
 
+int show(const char *text) {
+    if (fputs(text, stdout) >= 0 && fflush(stdout) == 0) {
+        return 0;
+    }
+    perror("rukd: standard output");
+    return kMissing;
+}
+
 struct Arguments {
     int index = 0;
     int status = -1; // exit status, when there is nothing to serve
@@ -74,12 +89,10 @@ Arguments parse(int argc, char **argv) {
     for (int i = 1; i < argc; i++) {
         const std::string_view word = argv[i];
         if (word == "--help") {
-            (void)fputs(kHelp, stdout);
-            return {.index = 0, .status = 0};
+            return {.index = 0, .status = show(kHelp)};
         }
         if (word == "--version") {
-            printf("rukd %s\n", RUKD_VERSION);
-            return {.index = 0, .status = 0};
+            return {.index = 0, .status = show("rukd " RUKD_VERSION "\n")};
         }
         if (word == "--frames") {
             print_flag = 1;
@@ -147,6 +160,17 @@ bool open_link(int index) {
     return true;
 }
 
+// It may come up later, so that is no reason not to serve.
+void warn_of_dead_interface(int index) {
+    ifreq request{};
+    (void)snprintf(request.ifr_name, sizeof request.ifr_name, "%s", g_netdev_name[index]);
+    if (ioctl(g_eth_init[index].sock_fd, SIOCGIFFLAGS, &request) == 0 &&
+        (request.ifr_flags & IFF_RUNNING) == 0) {
+        (void)fprintf(stderr, "rukd: %s is down or without a cable: requests fail until it is up\n",
+                      g_netdev_name[index]);
+    }
+}
+
 void *as_argument(int index) {
     const intptr_t value = index;
     return reinterpret_cast<void *>(value); // NOLINT(performance-no-int-to-ptr)
@@ -173,6 +197,7 @@ void wait_for_end() {
 } // namespace
 
 int main(int argc, char **argv) {
+    fill_standard_streams();
     const Arguments arguments = parse(argc, argv);
     if (arguments.status >= 0) {
         return arguments.status;
@@ -184,6 +209,7 @@ int main(int argc, char **argv) {
         (void)fflush(stdout);
         _exit(kMissing); // threads may run: their memory must stay
     }
+    warn_of_dead_interface(arguments.index);
     if (arguments.index != GetIndexById(GetIdByIndex(arguments.index))) {
         (void)fprintf(stderr, "rukd: %s is up, but requests go to %s\n",
                       g_netdev_name[arguments.index], g_netdev_name[GetIndexById(0)]);
@@ -191,6 +217,9 @@ int main(int argc, char **argv) {
     printf("rukd: ready, slot %d, %s, messages in %s\n", apcard_bit_self(),
            g_netdev_name[arguments.index], message_directory());
     wait_for_end();
+    // Whoever reads the log may stand still, and so whoever writes to it.
+    (void)signal(SIGALRM, end_at_once); // no tick is needed any more
+    (void)alarm(kLastWordsSeconds);
     printf("rukd: ended\n");
     _exit(0); // the threads are in the middle of their waits: the end of the process ends them
 }

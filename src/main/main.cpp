@@ -3,6 +3,7 @@
 #include "eth_raw/eth_raw.h"
 #include "eth_raw/eth_raw_priv.h"
 #include "log/log.h"
+#include "log/standard_streams.h"
 #include "log/write.h"
 #include "main/command.h"
 #include "main/usage.h"
@@ -155,6 +156,7 @@ Outcome dispatch(const CommandLine &line) {
 } // namespace
 
 int main(int argc, char **argv) {
+    fill_standard_streams();
     const std::span<char *> words(argv, static_cast<size_t>(argc));
     (void)setvbuf(stdout, nullptr, _IOLBF, 0); // a log that is watched through a pipe is up to date
     start_up(words.empty() ? "" : words[0]);

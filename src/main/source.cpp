@@ -54,8 +54,9 @@ bool source_from_values(const CommandLine &line, Source &source) {
     }
     const ErrnoKeeper keep_errno; // the send that follows decides by errno
     const auto values = line.argv.subspan(kArgOwn);
-    source.len = static_cast<uint32_t>(std::min<size_t>(values.size(), kCommandBuffer));
-    std::transform(values.begin(), values.begin() + source.len, buf,
+    const auto taken = values.first(std::min<size_t>(values.size(), kCommandBuffer));
+    source.len = static_cast<uint32_t>(taken.size());
+    std::transform(taken.begin(), taken.end(), buf,
                    [](const char *value) { return static_cast<uint8_t>(parse_hex(value)); });
     show_values(line, values.size(), {buf, source.len});
     if (values.size() > source.len) {

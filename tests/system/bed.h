@@ -71,6 +71,15 @@ Finished run(const Launch &launch);
 Finished ruk(const Words &arguments, const Words &prefix = {});
 Words ruk_command(const Words &arguments, const Words &prefix = {});
 
+/** Takes eth0 down; the cable works again when its owner is gone. */
+class LinkDown {
+public:
+    LinkDown();
+    LinkDown(const LinkDown &) = delete;
+    LinkDown &operator=(const LinkDown &) = delete;
+    ~LinkDown();
+};
+
 /** How often a text stands in another, and how often a line was logged. */
 int count(std::string_view text, std::string_view wanted);
 int logged(const Finished &run, const std::string &message);

@@ -103,23 +103,6 @@ TEST_F(NoLink, WithoutACardEveryCommandEnds) {
     }
 }
 
-// Takes eth0 down; the cable works again when its owner is gone.
-class LinkDown {
-public:
-    LinkDown() {
-        EXPECT_EQ(run({.argv = {"ip", "link", "set", "eth0", "down"}}).status, 0);
-    }
-    LinkDown(const LinkDown &) = delete;
-    LinkDown &operator=(const LinkDown &) = delete;
-    ~LinkDown() {
-        EXPECT_EQ(run({.argv = {"ip", "link", "set", "eth0", "up"}}).status, 0);
-        const Words look = {"ip", "link", "show", "dev", "eth0"};
-        for (int i = 0; i < 300 && count(run({.argv = look}).out, "NO-CARRIER") > 0; i++) {
-            std::this_thread::sleep_for(10ms);
-        }
-    }
-};
-
 TEST_F(NoLink, ALinkThatGoesDownMeanwhileEndsEveryCommand) {
     for (const Form &form : kForms) {
         if (std::string(form.word) == "write") {
@@ -146,6 +129,21 @@ TEST_F(NoLink, WithoutStandardInputTheLinkWorks) {
                                  .in_child = [] { (void)close(STDIN_FILENO); }});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(count(result.out, "\n\n00007040: cafe\n"), 1) << result.out;
+    EXPECT_EQ(card.stop()["read_replies"], 1);
+}
+
+// What is opened first would take their numbers, and log lines would go where it leads.
+TEST_F(NoLink, WithoutStandardStreamsNothingButTheRequestGoesOut) {
+    Card card;
+    Capture capture;
+    const Finished result =
+        run({.argv = ruk_command({"0", "readw", "1", "3", "7040", "2"}), .in_child = [] {
+                 (void)close(STDIN_FILENO);
+                 (void)close(STDOUT_FILENO);
+                 (void)close(STDERR_FILENO);
+             }});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(capture.sent().size(), 1U);
     EXPECT_EQ(card.stop()["read_replies"], 1);
 }
 

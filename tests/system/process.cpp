@@ -157,6 +157,18 @@ Finished ruk(const Words &arguments, const Words &prefix) {
     return run({.argv = ruk_command(arguments, prefix)});
 }
 
+LinkDown::LinkDown() {
+    EXPECT_EQ(run({.argv = {"ip", "link", "set", "eth0", "down"}}).status, 0);
+}
+
+LinkDown::~LinkDown() {
+    EXPECT_EQ(run({.argv = {"ip", "link", "set", "eth0", "up"}}).status, 0);
+    const Words look = {"ip", "link", "show", "dev", "eth0"};
+    for (int i = 0; i < 300 && count(run({.argv = look}).out, "NO-CARRIER") > 0; i++) {
+        std::this_thread::sleep_for(10ms);
+    }
+}
+
 int count(std::string_view text, std::string_view wanted) {
     int found = 0;
     for (size_t at = text.find(wanted); at != std::string_view::npos;

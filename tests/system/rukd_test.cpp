@@ -2,10 +2,13 @@
 // ends.
 #include "service.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <random>
 #include <sched.h>
 #include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 namespace bed {
 
@@ -232,6 +235,40 @@ TEST_F(ServiceTest, SaysWhatIsMissing) {
                              "CAP_NET_RAW and CAP_NET_ADMIN)\n");
 }
 
+TEST_F(ServiceTest, WarnsOfAnInterfaceThatIsDown) {
+    const LinkDown down;
+    Service service(sockets);
+    const Client client(sockets, 0x50);
+    expect_greeting(client);
+    service.stop("rukd: eth0 is down or without a cable: requests fail until it is up\n");
+}
+
+// What is opened first would take their numbers, and log lines would go where it leads.
+TEST_F(ServiceTest, FillsTheStandardStreamsThatAreMissing) {
+    Launch launch = rukd_command(sockets);
+    launch.in_child = [inner = launch.in_child] {
+        inner();
+        for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            (void)close(fd);
+        }
+    };
+    Process rukd(launch);
+    const std::string socket = sockets + "/000a3b";
+    const auto give_up = std::chrono::steady_clock::now() + kHang;
+    while (!std::filesystem::exists(socket) && std::chrono::steady_clock::now() < give_up) {
+        std::this_thread::sleep_for(1ms);
+    }
+    const Client client(sockets, 0x50);
+    expect_greeting(client);
+    for (const char *fd : {"0", "1", "2"}) {
+        EXPECT_EQ(
+            std::filesystem::read_symlink("/proc/" + std::to_string(rukd.pid()) + "/fd/" + fd),
+            "/dev/null");
+    }
+    rukd.send(SIGTERM);
+    EXPECT_EQ(rukd.wait(), 0);
+}
+
 TEST_F(ServiceTest, IsThereOnlyOnce) {
     Service service(sockets);
     const Finished second = run(rukd_command(sockets));
@@ -250,6 +287,14 @@ TEST_F(ServiceTest, HelpAndVersionNeedNothing) {
     const Finished version = run({.argv = {"rukd", "--version"}, .program = RUKD_PROGRAM});
     EXPECT_EQ(version.status, 0);
     EXPECT_TRUE(version.out.starts_with("rukd ")) << version.out;
+    for (const char *word : {"--help", "--version"}) {
+        const Finished full =
+            run({.argv = {"rukd", word}, .program = RUKD_PROGRAM, .in_child = [] {
+                     (void)dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+                 }});
+        EXPECT_EQ(full.status, 1);
+        EXPECT_EQ(full.err, "rukd: standard output: No space left on device\n");
+    }
 }
 
 } // namespace
