@@ -169,11 +169,8 @@ Sent greeting_to(const Bytes &message) {
     return {field(message, 0, 4), greeting};
 }
 
-Happened expected_of(const Bytes &message) {
+Happened expected_of_request(const Bytes &message) {
     Happened expected;
-    if (!is_request(message)) {
-        return expected;
-    }
     switch (field(message, kCode, 1)) {
     case 0x00:
         expect_read(message, expected);
@@ -194,6 +191,17 @@ Happened expected_of(const Bytes &message) {
         break;
     default:
         break;
+    }
+    return expected;
+}
+
+Happened expected_of(const Bytes &message) {
+    Happened expected;
+    if (is_request(message)) {
+        expected = expected_of_request(message);
+        if ((field(message, 0, 4) & 0x00FFFF00) == (kOwn & 0x00FFFF00)) {
+            expected.sent.clear(); // a request service would answer the reply
+        }
     }
     return expected;
 }

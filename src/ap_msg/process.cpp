@@ -47,16 +47,15 @@ int read_register(const Work &work) {
     uint8_t *head = ApMsgBuffHeadGet(data);
     write_reply_header(head, work.message, kFailed, 0);
     const Request &request = work.request;
-    const int requester = static_cast<int>(work.requester);
     uint32_t read_len = 0;
     if (RawSockSendMsgWithReadWait(request.index, request.model, request.slot, request.addr,
                                    RAW_MSG_CODE_READ, request.len, data, &read_len,
                                    read_ticks(request.slot)) == 0) {
         mark_as_reply(head, kDone, read_len);
-        (void)ApipcDataSend(requester, head, read_len); // nobody to tell
+        (void)send_reply(work.requester, head, read_len); // nobody to tell
         LOG("RawSockSendMsgWithReadWait response ok\n");
     } else {
-        (void)ApipcDataSendAck(requester, head);
+        (void)send_reply(work.requester, head, 0);
         LOG("RawSockSendMsgWithReadWait response not ok\n");
     }
     ApMsgBuffFree(data);
@@ -81,7 +80,7 @@ void write_acknowledged(const Work &work) {
                                   kWriteTicks) == 0;
     uint8_t header[message::kHeaderSize];
     write_reply_header(header, work.message, answered ? kDone : kFailed, 0);
-    (void)ApipcDataSendAck(static_cast<int>(work.requester), header); // nobody to tell
+    (void)send_reply(work.requester, header, 0); // nobody to tell
     LOG("RawSockSendMsgWithAckWait response %s\n", answered ? "ok" : "not ok");
 }
 
@@ -120,7 +119,9 @@ int show_text(const Work &work) {
 
 int greet(const Work &work) {
     (void)show_text(work);
-    apipc_first(static_cast<int>(work.requester));
+    if (takes_replies(work.requester)) {
+        apipc_first(static_cast<int>(work.requester));
+    }
     return 0;
 }
 

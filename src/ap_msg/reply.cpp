@@ -29,11 +29,31 @@ void write_reply_header(uint8_t *header, std::span<const uint8_t> request, uint3
     mark_as_reply(header, result, data_len);
 }
 
+bool takes_replies(uint32_t requester) {
+    constexpr uint32_t kWithoutSlot = 0x00FFFF00;
+    const bool is_request_service = (requester & kWithoutSlot) == message::kOwnModule;
+    if (is_request_service) {
+        LOG("ap_msg: reply to 0x%x: a request service, not sent\n", requester);
+    }
+    return !is_request_service;
+}
+
+int send_reply(uint32_t requester, uint8_t *head, uint32_t data_len) {
+    if (!takes_replies(requester)) {
+        return -1;
+    }
+    const int sent = ApipcDataSend(static_cast<int>(requester), head, data_len);
+    if (sent < 0) {
+        LOG("ap_msg: reply to 0x%x: not delivered, result %d\n", requester, sent);
+    }
+    return sent;
+}
+
 int write_file_resp(void *head, int result) {
     auto *header = static_cast<uint8_t *>(head);
     const uint32_t requester = load_le(header, message::kAptid);
     mark_as_reply(header, static_cast<uint32_t>(result), 0);
-    const int sent = ApipcDataSendAck(static_cast<int>(requester), header);
+    const int sent = send_reply(requester, header, 0);
     LOG("write file response %s\n", result == 0 ? "ok" : "not ok");
     return sent;
 }

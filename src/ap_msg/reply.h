@@ -22,4 +22,17 @@ void mark_as_reply(uint8_t *head, uint32_t result, uint32_t data_len);
 void write_reply_header(uint8_t *header, std::span<const uint8_t> request, uint32_t result,
                         uint32_t data_len);
 
+/**
+ * Whether a requester may be answered. Not a request service, this one or another card's: it would
+ * take the reply for a request and reply to that, without end (logged).
+ */
+bool takes_replies(uint32_t requester);
+
+/**
+ * Send a reply, its 40-byte header and data_len bytes more. Returns what the message library
+ * returns, or -1 for who takes no replies. A reply that is not delivered is logged: one who reads
+ * none holds up the service while that waits for room.
+ */
+int send_reply(uint32_t requester, uint8_t *head, uint32_t data_len);
+
 #endif

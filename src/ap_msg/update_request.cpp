@@ -95,7 +95,7 @@ int update_file_resp(void *head, void *data, int result) {
     mark_as_reply(reply.get(), static_cast<uint32_t>(result), 0);
     std::copy_n(static_cast<const uint8_t *>(data), kKindSize, reply.get() + message::kDataOffset);
     const uint32_t requester = load_le(request, message::kAptid);
-    const int sent = ApipcDataSend(static_cast<int>(requester), reply.get(), kDataSize);
+    const int sent = send_reply(requester, reply.get(), kDataSize);
     LOG("write file response %s\n", result == 0 ? "ok" : "not ok");
     return sent;
 }

@@ -13,6 +13,7 @@ struct Board {
     std::mutex lock;
     int slot = 2;
     std::vector<SentMessage> messages;
+    int send_result = kSendResult;
     std::vector<Registration> registrations;
     int registration_result = 0;
     std::deque<std::vector<uint8_t>> deliveries;
@@ -50,7 +51,7 @@ int __wrap_apipc_send(int aptid, void *msg, unsigned length) {
     const std::lock_guard guard(b.lock);
     const auto *bytes = static_cast<const uint8_t *>(msg);
     b.messages.push_back({static_cast<uint32_t>(aptid), {bytes, bytes + length}});
-    return kSendResult;
+    return b.send_result;
 }
 
 int __wrap_apipc_init(int aptid, int flags) {
@@ -131,6 +132,7 @@ void board_reset() {
     const std::lock_guard guard(b.lock);
     b.slot = 2;
     b.messages.clear();
+    b.send_result = kSendResult;
     b.registrations.clear();
     b.registration_result = 0;
     b.deliveries.clear();
@@ -150,6 +152,12 @@ std::vector<SentMessage> board_messages() {
     Board &b = board();
     const std::lock_guard guard(b.lock);
     return b.messages;
+}
+
+void board_answers_sends(int result) {
+    Board &b = board();
+    const std::lock_guard guard(b.lock);
+    b.send_result = result;
 }
 
 std::vector<Registration> board_registrations() {

@@ -515,6 +515,55 @@ TEST_F(Service, TakesANegativeLengthForNone) {
     expect_silence();
 }
 
+// Each would answer the other's reply, or its own, for ever.
+TEST_F(Service, SendsNoReplyToRequestServices) {
+    board_has_slot(5);
+    for (const uint32_t sender : {0x050A3B00U, 0x050A3B07U, 0x020A3B00U, 0xFF0A3BFFU}) {
+        char line[80];
+        (void)snprintf(line, sizeof line, "|ap_msg: reply to 0x%x: a request service, not sent\n",
+                       sender);
+        for (const int code : {0x00, 0x02, 0xF0}) {
+            for (const int link : {0, -1}) {
+                card_answers_reads([link](const CardCall &) { return ReadAnswer{link, {1, 2}}; });
+                const Bytes message = message_with(
+                    {.aptid = sender, .code = static_cast<uint8_t>(code), .data = kData});
+                EXPECT_NE(log_of_deal(message).find(line), std::string::npos);
+            }
+        }
+        Bytes head = message_with({.aptid = sender, .code = 0xEE, .data = kData});
+        Bytes kind(4);
+        EXPECT_NE(test::log_of([&] { EXPECT_EQ(write_file_resp(head.data(), 0), -1); }).find(line),
+                  std::string::npos);
+        head = message_with({.aptid = sender, .code = 0xEF, .data = kData});
+        EXPECT_NE(test::log_of([&] {
+                      EXPECT_EQ(update_file_resp(head.data(), kind.data(), 0), -1);
+                  }).find(line),
+                  std::string::npos);
+    }
+    EXPECT_TRUE(board_messages().empty());
+    for (const uint32_t sender : {0x050B3B00U, 0x050A3A00U, 0x050A3C00U}) {
+        (void)log_of_deal(message_with({.aptid = sender, .code = 0xF0}));
+    }
+    EXPECT_EQ(board_messages().size(), 3U);
+}
+
+TEST_F(Service, NamesTheRequesterWhoTakesNoReply) {
+    const MessageFields read{.len = 2};
+    const MessageFields write{.code = 0x02, .data = kData};
+    for (const MessageFields &request : {read, write}) {
+        for (const int link : {0, -1}) {
+            card_answers_reads([link](const CardCall &) { return ReadAnswer{link, {1, 2}}; });
+            card_answers_acked_writes(link, 0);
+            board_answers_sends(-1);
+            EXPECT_NE(log_of_deal(message_with(request))
+                          .find("|ap_msg: reply to 0x40a5500: not delivered, result -1\n"),
+                      std::string::npos);
+            board_answers_sends(0);
+            EXPECT_EQ(log_of_deal(message_with(request)).find("not delivered"), std::string::npos);
+        }
+    }
+}
+
 TEST_F(Service, RefusesDataThatRunPastTheEnd) {
     for (const int code : {0x01, 0x02, 0xEE, 0xDD, 0xEF}) {
         for (const int len : {6, 7, 1000, 65535}) {
