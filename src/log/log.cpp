@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <string_view>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -144,6 +145,9 @@ void log_write(const char *file, const char *function, int line, const char *for
         va_start(arguments, format);
         emit(stdout, header, format, arguments);
         va_end(arguments);
+        if (!std::string_view(format).ends_with('\n')) {
+            (void)fflush(stdout); // where lines are flushed it would wait for the next one
+        }
     }
     (void)fflush(
         log_file); // without a log file this flushes every open stream, standard output too

@@ -434,6 +434,24 @@ TEST_F(LogFlush, LeavesOtherStreamsAloneWhenThereIsALogFile) {
     EXPECT_EQ(after, 0);
 }
 
+// Where lines are flushed the end of a message would otherwise wait for the next message.
+TEST_F(LogFlush, FlushesStandardOutputBehindAMessageWithoutALineEnd) {
+    log_debug = 1;
+    off_t behind_a_line = -1;
+    off_t behind_a_part = -1;
+    {
+        const BufferedOutput output(directory_ + "/stdout");
+        LOG("a line\n");
+        behind_a_line = output.arrived();
+        LOG("a part");
+        behind_a_part = output.arrived();
+    }
+    ASSERT_NE(log_fp, nullptr);
+    EXPECT_EQ(behind_a_line, 0);
+    EXPECT_GT(behind_a_part, 0);
+    EXPECT_TRUE(content_of(directory_ + "/stdout").ends_with("]:: a part"));
+}
+
 // ---------------------------------------------------------------------------------------------
 // errno
 
