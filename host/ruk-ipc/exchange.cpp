@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -108,20 +109,35 @@ std::string join_failure(int error) {
     return text;
 }
 
+// An id is refused while somebody has it, or when its files belong to somebody else.
+bool may_be_this_id_only(int error) {
+    return error == EADDRINUSE || error == EACCES || error == EPERM || error == kNoReason;
+}
+
 std::string take_any_module(uint8_t &module) {
     const int first = first_free_module() - kFirstModule;
+    int refused = EADDRINUSE;
     for (int i = 0; i < kModules; i++) {
         module = static_cast<uint8_t>(kFirstModule + (first + i) % kModules);
         const int error = try_module(module);
-        if (error != EADDRINUSE && error != kNoReason) {
-            return error == 0 ? std::string() : join_failure(error);
+        if (error == 0) {
+            return {};
         }
+        if (!may_be_this_id_only(error)) {
+            return join_failure(error);
+        }
+        refused = error == EADDRINUSE ? refused : error;
     }
-    return "cannot register: all module ids for clients are in use";
+    return refused == EADDRINUSE ? "cannot register: all " + std::to_string(kModules) +
+                                       " module ids for clients are in use"
+                                 : join_failure(refused);
 }
 
 std::string take_module(uint8_t module) {
     const int error = try_module(module);
+    if (error == EADDRINUSE) {
+        return "cannot register: another process has module id " + hex(module);
+    }
     return error == 0 ? std::string() : join_failure(error);
 }
 
@@ -192,6 +208,7 @@ std::string join(uint8_t &module) {
 }
 
 std::string send(Request &request) {
+    const auto start = std::chrono::steady_clock::now();
     errno = 0;
     const int error =
         library_result(apipc_send(static_cast<int>(service_address()), request.bytes.data(),
@@ -199,6 +216,9 @@ std::string send(Request &request) {
     if (error == 0) {
         return {};
     }
+    const auto waited_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::steady_clock::now() - start)
+                               .count();
     const std::string service =
         "the request service " + hex32(service_address()) + " in " + message_directory();
     if (error == ENOENT || error == ECONNREFUSED) {
@@ -207,7 +227,8 @@ std::string send(Request &request) {
                "and APCARD_SLOT?";
     }
     if (error == ETIMEDOUT) {
-        return service + " takes no messages: it is stuck or overloaded; look at its log";
+        return service + " took no message within " + std::to_string(waited_ms) +
+               " ms: it is stuck or overloaded; look at its log";
     }
     return "cannot send to " + service + ": " + reason(error);
 }

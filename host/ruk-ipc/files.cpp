@@ -56,8 +56,13 @@ std::string real_name(const std::string &name) {
     return realpath(name.c_str(), real) != nullptr ? real : name;
 }
 
+// With its slash; empty for the current one.
+std::string directory_of(const std::string &name) {
+    return name.substr(0, name.rfind('/') + 1);
+}
+
 std::string replace_file(const std::string &name, mode_t mode, std::span<const uint8_t> bytes) {
-    std::string temporary = name + ".XXXXXX";
+    std::string temporary = directory_of(name) + ".ruk-ipc.XXXXXX"; // name may be as long as can be
     Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
     if (!file.is_open()) {
         return complaint("create", name, errno);

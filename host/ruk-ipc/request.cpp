@@ -122,4 +122,10 @@ std::string hex32(uint32_t value) {
     return text;
 }
 
+std::string hex(uint32_t value) {
+    char text[sizeof "0x12345678"];
+    (void)std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(value));
+    return text;
+}
+
 } // namespace ipc

@@ -54,6 +54,9 @@ std::string check_range(const CommandRow &command, uint32_t addr, size_t len);
 /** A number as the messages write it: 0x and 8 digits. */
 std::string hex32(uint32_t value);
 
+/** The same with as many digits as it has. */
+std::string hex(uint32_t value);
+
 } // namespace ipc
 
 #endif

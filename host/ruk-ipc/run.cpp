@@ -45,12 +45,6 @@ const StatusRow &row_of(Status status) {
     return kStatuses[0]; // every status has its row
 }
 
-std::string hex(unsigned value) {
-    char text[sizeof "0x12345678"];
-    (void)std::snprintf(text, sizeof text, "0x%x", value);
-    return text;
-}
-
 // Differs from run to run, so that a reply to a client that had this module id before fits nothing.
 uint16_t first_seq() {
     constexpr unsigned kNsPerStep = 0x10000;  // 65 us: shorter than a run
@@ -209,8 +203,11 @@ bool is_sent_by_service(const std::string &file) {
     return false;
 }
 
-// The service reports success for what it leaves alone.
-std::string update_note(const Arguments &arguments) {
+// The service reports success for what it leaves alone; for the user it is none.
+std::string left_alone(const Arguments &arguments) {
+    if (arguments.command->code != message::kCodeUpdate) {
+        return {};
+    }
     if (arguments.kind < kFirstKind || arguments.kind > kLastKind) {
         return "the service knows kinds 0x16 to 0x1e only, so nothing was updated";
     }
@@ -222,8 +219,6 @@ std::string update_note(const Arguments &arguments) {
 
 std::string success_note(const Arguments &arguments, const Outcome &outcome) {
     switch (arguments.command->code) {
-    case message::kCodeUpdate:
-        return update_note(arguments);
     case message::kCodeWriteAck:
         return outcome.status == Status::kHandedOver
                    ? "not acknowledged: to slot 1, model 0, addresses below 0x10000000 the service "
@@ -293,7 +288,14 @@ Outcome run(const Arguments &arguments) {
         return outcome;
     }
     transfer(arguments, bytes, module, outcome);
-    if (is_success(outcome.status) && !arguments.dry_run) {
+    if (arguments.dry_run) {
+        return outcome;
+    }
+    const std::string nothing_done = left_alone(arguments);
+    if (is_success(outcome.status) && !nothing_done.empty()) {
+        (void)fail(outcome, Status::kRefused, describe(arguments, 0, 0) + ": " + nothing_done);
+    }
+    if (is_success(outcome.status)) {
         outcome.message = success_note(arguments, outcome);
         save_output(arguments, outcome);
     }

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <regex>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -172,6 +173,19 @@ TEST_F(Failure, WithoutAServiceShowsAtOnce) {
     }
 }
 
+TEST_F(Failure, OfAnUpdateThatTheServiceLeavesAloneSaysWhy) {
+    const Service service(test::answer_well);
+    auto run = run_client({"update", "19", "/f.dat"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "ruk-ipc: update, slot 0x1, model 0x0: the service sends files with .bin in "
+                       "their name only, so nothing was updated\n");
+    run = run_client({"update", "20", "/f.bin"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_EQ(run.err, "ruk-ipc: update, slot 0x1, model 0x0: the service knows kinds 0x16 to 0x1e "
+                       "only, so nothing was updated\n");
+}
+
 TEST_F(Failure, AfterTheServiceDiedShowsAtOnce) {
     { const Service service(test::do_nothing); }
     const auto run = run_client({"hello"});
@@ -225,13 +239,42 @@ private:
     test::Child process_;
 };
 
+TEST_F(Failure, OfAServiceThatTakesNoMessageSaysHowLongItWaited) {
+    const Neighbour stuck(0x030A3B00);
+    int sent = 0;
+    while (sent < 1000 && run_client({"write", "0", "1"}).status == 0) {
+        sent++; // one more lies in its queue
+    }
+    EXPECT_LT(sent, 1000);
+    const auto run = run_client({"read", "7040", "4"});
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_TRUE(std::regex_search(
+        run.err, std::regex("^ruk-ipc: read of 4 bytes at 0x00007040, slot 0x1, model 0x0: the "
+                            "request service 0x030a3b00 in [^ ]+ took no message within [0-9]+ ms: "
+                            "it is stuck or overloaded; look at its log\n$")))
+        << run.err;
+}
+
 TEST_F(Failure, ToGetAModuleIdThatIsTaken) {
     const Service service(test::answer_well);
     const Neighbour neighbour(0x030AC500);
     const auto run = run_client({"--module", "c5", "hello"});
     EXPECT_EQ(run.status, kNoAnswer);
-    EXPECT_TRUE(contains(run.err, "Address already in use")) << run.err;
+    EXPECT_EQ(run.err, "ruk-ipc: cannot register: another process has module id 0xc5\n");
     EXPECT_EQ(run_client({"--module", "c6", "hello"}).status, 0);
+}
+
+// Their first users were others, in a directory that several may write to.
+TEST_F(Failure, ToUseModuleIdsOfOthersIsNoneWhileOneIsLeft) {
+    const Service service(test::answer_well);
+    for (uint32_t module = 0xC0; module < 0xEF; module++) {
+        char name[16];
+        (void)snprintf(name, sizeof name, "030a%02x.lock", module);
+        test::make_file((messages_ / name).string(), "");
+        ASSERT_EQ(chmod((messages_ / name).c_str(), 0), 0);
+    }
+    EXPECT_EQ(run_client({"hello"}, give_up_override).status, 0);
+    EXPECT_EQ(run_client({"--module", "c0", "hello"}, give_up_override).status, kNoAnswer);
 }
 
 TEST_F(Failure, OnlyWhenAllModuleIdsAreTaken) {
@@ -245,7 +288,7 @@ TEST_F(Failure, OnlyWhenAllModuleIdsAreTaken) {
     neighbours.push_back(std::make_unique<Neighbour>(0x030A0000 | kLast << 8));
     const auto run = run_client({"hello"});
     EXPECT_EQ(run.status, kNoAnswer);
-    EXPECT_EQ(run.err, "ruk-ipc: cannot register: all module ids for clients are in use\n");
+    EXPECT_EQ(run.err, "ruk-ipc: cannot register: all 48 module ids for clients are in use\n");
 }
 
 // --- the command line and standard output

@@ -26,7 +26,15 @@ TEST_F(Files, OutputHoldsTheBytesRead) {
     EXPECT_EQ(run.out, "read of 4000 bytes at 0x00020000, slot 0x2, model 0x0: done, saved in " +
                            path("o") + "\n");
     EXPECT_EQ(file_content(path("o")), text_of(test::memory_at(0x20000, 4000)));
-    EXPECT_EQ(files_named("o"), 1); // and no temporary one
+    EXPECT_EQ(files_named("o"), 1);
+    EXPECT_EQ(files_named(".ruk-ipc"), 0); // no temporary one
+}
+
+TEST_F(Files, OutputMayHaveTheLongestName) {
+    const Service service(test::answer_well);
+    const std::string longest(255, 'n');
+    EXPECT_EQ(run_client({"read", "0", "4", "--output", path(longest.c_str())}).status, 0);
+    EXPECT_TRUE(std::filesystem::exists(path(longest.c_str())));
 }
 
 TEST_F(Files, OutputReplacesAFileAndKeepsItsMode) {
@@ -65,6 +73,7 @@ TEST_F(Files, OutputIsLeftAloneWhenTheReadFails) {
     EXPECT_EQ(file_content(path("old")), "kept");
     EXPECT_EQ(files_named("old"), 1);
     EXPECT_EQ(files_named("new"), 0);
+    EXPECT_EQ(files_named(".ruk-ipc"), 0);
 }
 
 TEST_F(Files, OutputThatCannotBeWrittenIsAFailure) {
