@@ -31,7 +31,8 @@ RUK_API int msg_recv(void);
 
 /**
  * Write a picture file into the DDR2 memory of an FPGA. 24-bit ".bmp" files become 32-bit pixels,
- * upright; any other file is taken as hor x ver such pixels.
+ * upright; any other file is taken as hor x ver such pixels. Lines have no padding, which a ".bmp"
+ * file leaves out only where hor is a multiple of 4.
  *
  *   addr  start in the memory, in words of 8 bytes
  *   hor   pixels in a line; ver  lines; their low 16 bits count in the memory
