@@ -163,7 +163,8 @@ bool open_link(int index) {
 // It may come up later, so that is no reason not to serve.
 void warn_of_dead_interface(int index) {
     ifreq request{};
-    (void)snprintf(request.ifr_name, sizeof request.ifr_name, "%s", g_netdev_name[index]);
+    (void)std::string_view(g_netdev_name[index])
+        .copy(request.ifr_name, sizeof request.ifr_name - 1);
     if (ioctl(g_eth_init[index].sock_fd, SIOCGIFFLAGS, &request) == 0 &&
         (request.ifr_flags & IFF_RUNNING) == 0) {
         (void)fprintf(stderr, "rukd: %s is down or without a cable: requests fail until it is up\n",
@@ -190,7 +191,7 @@ bool start_service(int index) {
 // running over in a process that serves for years.
 void wait_for_end() {
     while (!g_end) {
-        (void)sem_wait(&sem_test); // also ended by every tick
+        (void)sem_wait(&sem_test); // a signal may end it early, which is looked at next
     }
 }
 
