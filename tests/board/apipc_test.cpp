@@ -206,17 +206,31 @@ TEST_F(Apipc, LeavesALivingProcessItsAddress) {
 
 TEST_F(Apipc, LeavesAListenerWithoutALockItsAddress) {
     std::filesystem::create_directory(directory_);
-    const int listener = socket(AF_UNIX, SOCK_DGRAM, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     (void)std::strncpy(address.sun_path, socket_path().c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    test::Child thief([] {
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        const int listener = socket(AF_UNIX, type, 0);
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        test::Child thief([] {
+            errno = 0;
+            return apipc_init(kService, 0) == -1 && errno == EADDRINUSE ? 0 : 1;
+        });
+        EXPECT_EQ(thief.wait(), 0) << type;
+        (void)close(listener);
+        std::filesystem::remove(socket_path());
+    }
+}
+
+TEST_F(Apipc, FollowsNoLinkToALockFile) {
+    std::filesystem::create_directory(directory_);
+    std::filesystem::create_symlink(root_ / "elsewhere", socket_path() + ".lock");
+    test::Child child([] {
         errno = 0;
-        return apipc_init(kService, 0) == -1 && errno == EADDRINUSE ? 0 : 1;
+        return apipc_init(kService, 0) == -1 && errno == ELOOP ? 0 : 1;
     });
-    EXPECT_EQ(thief.wait(), 0);
-    (void)close(listener);
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_FALSE(std::filesystem::exists(root_ / "elsewhere"));
 }
 
 // Between taking the lock and binding, the owner cannot be told from a dead one by its socket.
@@ -230,6 +244,25 @@ TEST_F(Apipc, LeavesTheHolderOfTheLockItsAddress) {
         return apipc_init(kService, 0) == -1 && errno == EADDRINUSE ? 0 : 1;
     });
     EXPECT_EQ(thief.wait(), 0);
+    (void)close(lock);
+}
+
+TEST_F(Apipc, HoldsTheLockOfItsAddressForAsLongAsItLives) {
+    const test::Gate ready;
+    const test::Gate finish;
+    test::Child owner = module(kService, ready, [&] {
+        finish.enter();
+        return 0;
+    });
+    ready.enter();
+    const int lock = open((socket_path() + ".lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(lock, 0);
+    errno = 0;
+    EXPECT_EQ(flock(lock, LOCK_EX | LOCK_NB), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    finish.open();
+    EXPECT_EQ(owner.wait(), 0);
+    EXPECT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);
     (void)close(lock);
 }
 
@@ -280,6 +313,20 @@ TEST_F(Apipc, GivesAnAddressToExactlyOneOfManyThatComeAtOnce) {
     }
 }
 
+TEST_F(Apipc, TellsWhyTheDirectoryCannotBeMade) {
+    constexpr uid_t kNobody = 65534;
+    ASSERT_EQ(chmod(root_.c_str(), 0555), 0);
+    test::Child child([] {
+        if (geteuid() == 0 && setuid(kNobody) != 0) { // root may write everywhere
+            return 2;
+        }
+        errno = 0;
+        return apipc_init(kService, 0) == -1 && errno == EACCES ? 0 : 1;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    ASSERT_EQ(chmod(root_.c_str(), 0700), 0);
+}
+
 TEST_F(Apipc, RegistersAProcessOnce) {
     test::Child child([] {
         const int first = apipc_init(kService, 0);
@@ -289,6 +336,32 @@ TEST_F(Apipc, RegistersAProcessOnce) {
         return first == 0 && again == 0 && refused ? 0 : 1;
     });
     EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_F(Apipc, RegistersAProcessOnceWhicheverThreadComesFirst) {
+    constexpr int kThreads = 8;
+    for (int round = 0; round < 20; ++round) {
+        test::Child child([] {
+            std::atomic<int> waiting{kThreads};
+            std::atomic<int> failures{0};
+            std::vector<std::thread> threads;
+            threads.reserve(kThreads);
+            for (int i = 0; i < kThreads; ++i) {
+                threads.emplace_back([&] {
+                    --waiting;
+                    while (waiting > 0) {
+                        std::this_thread::yield();
+                    }
+                    failures += apipc_init(kService, 0) != 0 ? 1 : 0;
+                });
+            }
+            for (std::thread &thread : threads) {
+                thread.join();
+            }
+            return failures.load();
+        });
+        EXPECT_EQ(child.wait(), 0);
+    }
 }
 
 TEST_F(Apipc, CanBeRegisteredAfterAFailure) {
@@ -597,6 +670,35 @@ TEST_F(Apipc, PausesBeforeItFailsWithoutAHandler) {
         const test::Stopwatch watch;
         errno = 0;
         return apipc_loop_wait(0, nullptr) == -1 && errno == EINVAL && watch.ms() >= 99 ? 0 : 1;
+    });
+    EXPECT_EQ(child.wait(), 0);
+}
+
+// Something that is no socket takes the place of each of this process's sockets.
+void break_sockets() {
+    std::vector<int> sockets;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code ignored;
+        if (std::filesystem::read_symlink(entry.path(), ignored).string().starts_with("socket:")) {
+            sockets.push_back(std::stoi(entry.path().filename().string()));
+        }
+    }
+    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int socket : sockets) {
+        (void)dup2(nothing, socket);
+    }
+}
+
+TEST_F(Apipc, PausesBeforeItFailsToReceive) {
+    test::Child child([] {
+        if (apipc_init(kService, 0) != 0) {
+            return 2;
+        }
+        break_sockets();
+        const test::Stopwatch watch;
+        errno = 0;
+        return apipc_loop_wait(0, keep_message) == -1 && errno == ENOTSOCK && watch.ms() >= 99 ? 0
+                                                                                               : 1;
     });
     EXPECT_EQ(child.wait(), 0);
 }

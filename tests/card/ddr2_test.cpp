@@ -73,6 +73,13 @@ TEST_F(Ddr2Test, AShortChunkLacksAWholeBurst) {
     write(0xB0000, Frame(64, 1));
     write(0xA0001, record(0, 2, 1));
     EXPECT_EQ(counters().ddr2_short_chunks, 1U);
+    EXPECT_EQ(counters().ddr2_bytes_written, 256U) << "whole bursts";
+}
+
+TEST_F(Ddr2Test, BytesBeyondTheWindowMakeNoChunkComplete) {
+    write(0xB0000 + 16383, Frame(1400, 1));
+    write(0xA0001, record(0, 2, 1));
+    EXPECT_EQ(counters().ddr2_short_chunks, 1U);
 }
 
 TEST_F(Ddr2Test, KeepsBytesBeyondTheWindowOutOfTheChunk) {

@@ -126,7 +126,7 @@ TEST_F(PictureFileTest, SaysWhyItDoesNotSave) {
     card::PortPicture large = port_picture(0xFFFF, 0xFFFF, {});
     EXPECT_EQ(save(large), "picture: save '" + directory_ + "': the picture is larger than 64 MiB");
     card::PortPicture dropped = port_picture(1, 1, {});
-    dropped.received = 3;
+    dropped.received = 1;
     EXPECT_EQ(save(dropped),
               "picture: save '" + directory_ + "': too many pictures wait for the disk");
     EXPECT_EQ(file_count(), 0U);
@@ -156,12 +156,13 @@ TEST_F(PictureFileTest, SavesARegionOfADdr2Memory) {
             card::memory_write(memory, 0x8000 + y * 128 + x * 4, pixel);
         }
     }
-    std::ofstream(in_directory("ddr2-1-00001000.png")) << "old";
+    std::ofstream(in_directory("ddr2-1-00001000.png")) << std::string(10000, 'x');
     EXPECT_EQ(card::save_ddr2_picture(memory,
                                       {.memory = 1, .addr = 0x1000, .width = 17, .height = 3},
                                       directory_, path_),
               "");
     EXPECT_EQ(path_, in_directory("ddr2-1-00001000.png"));
+    EXPECT_LT(fs::file_size(path_), 10000U) << "nothing is left of the old file";
     const Picture picture = decode(path_);
     ASSERT_EQ(picture.width, 17U);
     ASSERT_EQ(picture.height, 3U);

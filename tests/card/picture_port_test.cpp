@@ -90,6 +90,17 @@ TEST_F(PicturePortTest, AStartWithoutAStopEndsThePictureBefore) {
     EXPECT_EQ(counters().port_complete, 1U);
 }
 
+TEST_F(PicturePortTest, AStartBehindASingleByteIsNoRepeat) {
+    start(1, 1);
+    send_pixels({1});
+    start(1, 1);
+    send_pixels({2, 3, 4});
+    stop();
+    ASSERT_EQ(finished().size(), 2U);
+    EXPECT_EQ(finished()[0].received, 1U);
+    EXPECT_EQ(finished()[1].pixels, (Frame{2, 3, 4}));
+}
+
 TEST_F(PicturePortTest, KeepsTheSizeForTheNextPictureAndTheRunningOneAsItIs) {
     start(1, 1);
     control(0x7040, port_size(5, 5));
@@ -155,6 +166,10 @@ TEST_F(PicturePortTest, KeepsABoundedNumberOfPicturesThatNobodyTakes) {
     EXPECT_EQ(finished().size(), 4096U);
     EXPECT_EQ(counters().port_pictures, 4100U);
     EXPECT_EQ(counters().picture_save_errors, 4U);
+    card_->picture.port.keep_pixels = false;
+    start(1, 1);
+    stop();
+    EXPECT_EQ(counters().picture_save_errors, 4U) << "nothing was to be saved";
 }
 
 } // namespace

@@ -69,8 +69,12 @@ TEST(Trace, SaysWhatRequestsMeanToThePictureSide) {
     } cases[] = {
         {requests::plain_write(0xB0578, {1}), " = ddr2 0 chunk offset 1400 ->"},
         {requests::plain_write(0xF0000, {1}), " = ddr2 1 chunk offset 0 ->"},
+        {requests::plain_write(0xF3FFF, {1}), " = ddr2 1 chunk offset 16383 ->"},
+        {requests::plain_write(0xF4000, {1}), ""},
         {requests::plain_write(0xA0001, record),
          " = ddr2 0 move addr 00000780 bursts 240 mode 1 ->"},
+        {requests::plain_write(0xA0001, {0x80, 0x07, 0, 0, 0xF0, 0, 16}),
+         " = ddr2 0 move addr 00000780 bursts 240 mode 16 ->"},
         {requests::plain_write(0xE0001, {1}), " = ddr2 1 move (wrong length) ->"},
         {requests::plain_write(0xE0008, record),
          " = ddr2 1 read-back addr 00000780 bursts 240 mode 1 ->"},

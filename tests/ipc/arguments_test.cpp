@@ -1,6 +1,8 @@
 // arguments_test.cpp - what the command line means, and what each wrong one is told.
 #include "arguments.h"
 
+#include "commands.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -60,12 +62,15 @@ const Wrong kWrong[] = {
     {{"--slot", "100", "hello"}, "--slot '100': not 0 to ff, hexadecimal"},
     {{"--model", "10000", "hello"}, "--model '10000': not 0 to ffff, hexadecimal"},
     {{"--id", "", "hello"}, "--id '': not 0 to ff, hexadecimal"},
+    {{"--id", "100", "hello"}, "--id '100': not 0 to ff, hexadecimal"},
     {{"--timeout", "0", "hello"}, "--timeout '0': not 1 to 86400000 ms"},
     {{"--timeout", "86400001", "hello"}, "--timeout '86400001': not 1 to 86400000 ms"},
     {{"--module", "0", "hello"}, "--module '0': not 1 to ff, hexadecimal, without 3a, 3b and 3c"},
+    {{"--module", "3a", "hello"}, "--module '3a': not 1 to ff, hexadecimal, without 3a, 3b and 3c"},
     {{"--module", "3b", "hello"}, "--module '3b': not 1 to ff, hexadecimal, without 3a, 3b and 3c"},
     {{"--module", "3C", "hello"}, "--module '3C': not 1 to ff, hexadecimal, without 3a, 3b and 3c"},
     {{"--input=", "write", "0"}, "--input '': not a file name"},
+    {{"--output=", "read", "0", "1"}, "--output '': not a file name"},
     {{"hello", "--slot"}, "--slot needs a value: S"},
     {{"--json=1", "hello"}, "--json takes no value"},
     {{"--jason", "hello"}, "unknown option '--jason'"},
@@ -83,7 +88,8 @@ TEST(Arguments, AreToldWhatIsWrong) {
 TEST(Arguments, StandBeforeAndBehindTheCommand) {
     for (const Words &words : {Words{"--slot", "a", "--json", "read", "7040", "0x10"},
                                Words{"read", "--slot=a", "0x7040", "--json", "16"},
-                               Words{"--json", "read", "7040", "16", "--slot", "0xA"}}) {
+                               Words{"--json", "read", "7040", "16", "--slot", "0xA"},
+                               Words{"--json", "read", "0X7040", "0X10", "--slot", "0XA"}}) {
         Arguments arguments;
         ASSERT_EQ(ipc::parse_arguments(words, arguments), "");
         EXPECT_STREQ(arguments.command->word, "read");
@@ -92,6 +98,12 @@ TEST(Arguments, StandBeforeAndBehindTheCommand) {
         EXPECT_EQ(arguments.slot, 0xA);
         EXPECT_TRUE(arguments.json);
     }
+}
+
+TEST(Arguments, HaveAValueBehindTheFirstEqualsSign) {
+    Arguments arguments;
+    ASSERT_EQ(ipc::parse_arguments(Words{"read", "0", "1", "--output=a=b"}, arguments), "");
+    EXPECT_EQ(arguments.output, "a=b");
 }
 
 TEST(Arguments, HaveDefaults) {
@@ -104,11 +116,33 @@ TEST(Arguments, HaveDefaults) {
     EXPECT_FALSE(arguments.json || arguments.dry_run);
 }
 
+TEST(Arguments, OfOneDashOrNoCharacterAreNoOptions) {
+    for (const char *text : {"-", ""}) {
+        Arguments arguments;
+        ASSERT_EQ(ipc::parse_arguments(Words{"hello", text}, arguments), "");
+        EXPECT_EQ(arguments.text, text);
+    }
+}
+
 TEST(Arguments, BehindDashesAreNoOptions) {
     Arguments arguments;
     ASSERT_EQ(ipc::parse_arguments(Words{"hello", "--", "--json"}, arguments), "");
     EXPECT_EQ(arguments.text, "--json");
     EXPECT_FALSE(arguments.json);
+}
+
+// Of a wrong command line the words alone tell whether JSON is wanted.
+TEST(Arguments, AskForJsonOnlyAsAnOption) {
+    EXPECT_TRUE(ipc::wants_json(Words{"--bad", "--json"}));
+    EXPECT_FALSE(ipc::wants_json(Words{"--bad", "json"}));
+    EXPECT_FALSE(ipc::wants_json(Words{"read", "x", "--", "--json"}));
+}
+
+TEST(Arguments, LeaveEachCommandTheTimeThatTheHelpTells) {
+    for (const char *word : {"read", "write-ack", "hello"}) {
+        EXPECT_EQ(ipc::find_command(word)->timeout_ms, 3000U) << word;
+    }
+    EXPECT_EQ(ipc::find_command("update")->timeout_ms, 600000U);
 }
 
 TEST(Arguments, ReachTheLastAddress) {

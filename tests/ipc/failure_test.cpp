@@ -1,5 +1,6 @@
 // failure_test.cpp - refusals, silence, nobody there, and who is told what by which exit status.
 #include "client.h"
+#include "exchange.h"
 #include "service.h"
 
 #include "board/board.h"
@@ -36,6 +37,14 @@ TEST_F(Failure, OfTheCardIsARefusal) {
     run = run_client({"--slot", "2", "write-ack", "7040", "4"});
     EXPECT_EQ(run.status, kRefused);
     EXPECT_EQ(run.err, "ruk-ipc: write-ack of 1 byte at 0x00007040, slot 0x2, model 0x0" + reason);
+}
+
+TEST_F(Failure, ShowsAResultThatNobodyKnows) {
+    const Service service(
+        [](const Bytes &request) { test::answer(request, test::reply_to(request, 0x1234)); });
+    const auto run = run_client({"--slot", "2", "read", "7040", "4"});
+    EXPECT_EQ(run.status, kRefused);
+    EXPECT_TRUE(run.err.ends_with(": the service reports result 0x1234\n")) << run.err;
 }
 
 TEST_F(Failure, OfALaterPieceSaysHowFarItGot) {
@@ -127,6 +136,22 @@ TEST_F(Failure, ToAnswerEndsAtTheTimeOut) {
             "link to the card up\n");
 }
 
+TEST_F(Failure, ToAnswerCountsNoMessagesOfAnEarlierPiece) {
+    const Service service([](const Bytes &request) {
+        if (test::number_at(request, 32, 4) == 0x1000) {
+            test::answer(request, Bytes(50, 0xFF));
+            test::answer(request, Bytes(50, 0xFF));
+            test::answer_well(request);
+        } else {
+            test::answer(request, Bytes(50, 0xFF));
+        }
+    });
+    const auto run = run_client({"--slot", "2", "--timeout", "300", "read", "1000", "2000"});
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_TRUE(contains(run.err, "within 300 ms; 1 other messages came and were dropped."))
+        << run.err;
+}
+
 TEST_F(Failure, OfEachCommandThatWaitsEndsAtTheTimeOut) {
     const Service service(test::do_nothing);
     for (const test::Words &words :
@@ -180,10 +205,12 @@ TEST_F(Failure, OfAnUpdateThatTheServiceLeavesAloneSaysWhy) {
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, "ruk-ipc: update, slot 0x1, model 0x0: the service sends files with .bin in "
                        "their name only, so nothing was updated\n");
-    run = run_client({"update", "20", "/f.bin"});
-    EXPECT_EQ(run.status, kRefused);
-    EXPECT_EQ(run.err, "ruk-ipc: update, slot 0x1, model 0x0: the service knows kinds 0x16 to 0x1e "
-                       "only, so nothing was updated\n");
+    for (const char *kind : {"15", "1f"}) {
+        run = run_client({"update", kind, "/f.bin"});
+        EXPECT_EQ(run.status, kRefused);
+        EXPECT_EQ(run.err, "ruk-ipc: update, slot 0x1, model 0x0: the service knows kinds 0x16 to "
+                           "0x1e only, so nothing was updated\n");
+    }
 }
 
 TEST_F(Failure, AfterTheServiceDiedShowsAtOnce) {
@@ -222,6 +249,13 @@ TEST_F(Failure, OfALongDirectoryNameIsTold) {
                            ": File name too long\n");
 }
 
+TEST_F(Failure, NamesTheDirectoryThatIsUsedWithoutOne) {
+    (void)setenv("APIPC_DIR", "", 1);
+    EXPECT_EQ(ipc::message_directory(), "/run/apipc");
+    (void)unsetenv("APIPC_DIR");
+    EXPECT_EQ(ipc::message_directory(), "/run/apipc");
+}
+
 // A process that is a module until the test ends.
 class Neighbour {
 public:
@@ -253,6 +287,15 @@ TEST_F(Failure, OfAServiceThatTakesNoMessageSaysHowLongItWaited) {
                             "request service 0x030a3b00 in [^ ]+ took no message within [0-9]+ ms: "
                             "it is stuck or overloaded; look at its log\n$")))
         << run.err;
+}
+
+TEST_F(Failure, ToReachTheServiceIsToldWithItsReason) {
+    const Neighbour service(test::kServiceAddress);
+    ASSERT_EQ(chmod((messages_ / "030a3b").c_str(), 0), 0);
+    const auto run = run_client({"hello"}, give_up_override);
+    EXPECT_EQ(run.status, kNoAnswer);
+    EXPECT_EQ(run.err, "ruk-ipc: hello: cannot send to the request service 0x030a3b00 in " +
+                           messages_.string() + ": Permission denied\n");
 }
 
 TEST_F(Failure, ToGetAModuleIdThatIsTaken) {

@@ -1,7 +1,11 @@
 // files_test.cpp - --input and --output.
+#include "files.h"
+
 #include "client.h"
 #include "service.h"
 
+#include <csignal>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -40,14 +44,14 @@ TEST_F(Files, OutputMayHaveTheLongestName) {
 TEST_F(Files, OutputReplacesAFileAndKeepsItsMode) {
     const Service service(test::answer_well);
     make_file(path("o"), "older and longer");
-    ASSERT_EQ(chmod(path("o").c_str(), 0640), 0);
+    ASSERT_EQ(chmod(path("o").c_str(), 01640), 0);
     ASSERT_EQ(symlink("o", path("link").c_str()), 0);
     EXPECT_EQ(run_client({"read", "1000", "4", "--output", path("link")}).status, 0);
     EXPECT_EQ(file_content(path("o")), "pqrs");
     EXPECT_TRUE(std::filesystem::is_symlink(path("link")));
     struct stat found {};
     ASSERT_EQ(stat(path("o").c_str(), &found), 0);
-    EXPECT_EQ(found.st_mode & 07777, 0640U);
+    EXPECT_EQ(found.st_mode & 07777, 01640U);
 }
 
 TEST_F(Files, OutputIsBornAsTheUmaskSays) {
@@ -90,6 +94,29 @@ TEST_F(Files, OutputThatCannotBeWrittenIsAFailure) {
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(contains(run.err, "Is a directory")) << run.err;
     EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
+}
+
+TEST_F(Files, OutputThatDoesNotFitLeavesTheOldFileAndNoOther) {
+    const Service service(test::answer_well);
+    make_file(path("o"), "kept");
+    const auto run = run_client({"read", "0", "4000", "--output", path("o")}, [] {
+        (void)std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{.rlim_cur = 1000, .rlim_max = 1000};
+        (void)setrlimit(RLIMIT_FSIZE, &limit);
+    });
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "ruk-ipc: --output: cannot write '" + path("o") + "': File too large\n");
+    EXPECT_EQ(file_content(path("o")), "kept");
+    EXPECT_EQ(files_named("o"), 1);
+}
+
+TEST_F(Files, InputMayBeAsLongAsTheLongestTransfer) {
+    make_file(path("i"), "12345");
+    Bytes bytes;
+    EXPECT_EQ(ipc::read_file(path("i"), 5, bytes), "");
+    EXPECT_EQ(text_of(bytes), "12345");
+    EXPECT_EQ(ipc::read_file(path("i"), 4, bytes), "'" + path("i") + "' has more than 4 bytes");
 }
 
 TEST_F(Files, InputIsWrittenInPieces) {

@@ -34,6 +34,7 @@ TEST(JsonString, EscapesWhatJsonCannotHold) {
          }) {
         EXPECT_EQ(ipc::json_string(row.text), row.literal);
     }
+    EXPECT_EQ(ipc::json_string(std::string_view("\xc3\xa4").substr(0, 1)), R"("\ufffd")");
 }
 
 TEST(JsonCheck, RefusesWhatIsNoObject) {
@@ -78,13 +79,15 @@ TEST_F(Json, TellsOfEverythingElseThatWentWell) {
     };
     const std::string picture = path("p.bmp");
     for (const Row &row :
-         {Row{{"write", "0", "1", "2"}, "\"handed-over\"", "done", "2"},
+         {Row{{"--slot", "2", "read", "0", "1401"}, "\"ok\"", "requests", "2"},
+          Row{{"write", "0", "1", "2"}, "\"handed-over\"", "done", "2"},
           Row{{"--slot", "2", "write-ack", "0", "1", "2"}, "\"ok\"", "done", "2"},
           Row{{"write-ack", "0", "1"}, "\"handed-over\"", "done", "1"},
           Row{{"put-picture", "0", "3", "2", picture},
               "\"handed-over\"",
               "file",
               '"' + picture + '"'},
+          Row{{"get-picture", "0", "3", "2", "/x"}, "\"handed-over\"", "width", "3"},
           Row{{"get-picture", "0", "3", "2", "/x"}, "\"handed-over\"", "height", "2"},
           Row{{"update", "19", "/f.bin"}, "\"ok\"", "kind", "25"},
           Row{{"hello"}, "\"ok\"", "text", "\"Hello, I am ruk module!\""}}) {
@@ -107,6 +110,7 @@ TEST_F(Json, TellsOfARefusal) {
     ASSERT_TRUE(object) << run.out;
     EXPECT_EQ(object->at("status"), "\"refused\"");
     EXPECT_EQ(object->at("result"), "-1");
+    EXPECT_EQ(object->at("done"), "0");
     EXPECT_FALSE(object->contains("data"));
     const std::string message = object->at("message");
     EXPECT_EQ(run.err, "ruk-ipc: " + message.substr(1, message.size() - 2) + "\n");
@@ -129,15 +133,19 @@ TEST_F(Json, TellsOfSilenceAndOfNobody) {
 }
 
 TEST_F(Json, TellsOfAWrongCommandLine) {
+    test::make_file(path("i"), "123");
     for (const test::Words &words :
          {test::Words{"--json", "read", "x", "1"}, test::Words{"--json"},
-          test::Words{"read", "--json", "--bad"}, test::Words{"nothing", "--json"}}) {
+          test::Words{"read", "--json", "--bad"}, test::Words{"--bad", "--json"},
+          test::Words{"nothing", "--json"},
+          test::Words{"--json", "write", "fffffffe", "--input", path("i")}}) {
         const auto run = run_client(words);
         EXPECT_EQ(run.status, 2);
         const auto object = parse_object(run.out);
         ASSERT_TRUE(object) << run.out;
         EXPECT_EQ(object->at("status"), "\"usage\"");
         EXPECT_TRUE(object->contains("message"));
+        EXPECT_FALSE(object->contains("service")) << "nothing was asked";
     }
 }
 
@@ -151,6 +159,7 @@ TEST_F(Json, ShowsADryRun) {
     const std::string messages = object->at("messages");
     EXPECT_TRUE(test::contains(messages, "\"addr\":0,\"len\":1400,")) << messages;
     EXPECT_TRUE(test::contains(messages, "\"addr\":1400,\"len\":1,")) << messages;
+    EXPECT_TRUE(test::contains(messages, "\"length\":40,\"reply\":true,")) << messages;
     EXPECT_TRUE(test::contains(messages, "\"bytes\":\"00c10a030000")) << messages;
 }
 

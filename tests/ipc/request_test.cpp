@@ -116,6 +116,11 @@ TEST(Request, ExpectsNoAcknowledgementWhereTheServiceAsksForNone) {
         ASSERT_EQ(ipc::parse_arguments(row.words, arguments), "");
         EXPECT_EQ(ipc::build_request(arguments, {0, 1}, arguments.bytes, kOrigin).reply, row.reply);
     }
+    Arguments arguments;
+    const char *const words[] = {"write-ack", "0fffffff", "1", "2"};
+    ASSERT_EQ(ipc::parse_arguments(words, arguments), "");
+    const Request second = ipc::build_request(arguments, {1, 1}, {}, kOrigin);
+    EXPECT_EQ(second.reply, ipc::ReplyKind::kHeader) << "each piece has its own address";
 }
 
 } // namespace

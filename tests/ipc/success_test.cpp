@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <set>
 #include <thread>
 
 namespace {
@@ -110,7 +111,10 @@ TEST_F(Success, ReportsAnUpdate) {
     const Service service(test::answer_well);
     const std::string done = "update, slot 0x2, model 0x0: done";
     EXPECT_EQ(run_client({"--slot", "2", "update", "16", "/f"}).out, done + "\n");
-    EXPECT_EQ(run_client({"--slot", "2", "update", "19", "/f.bin"}).out, done + "\n");
+    for (const char *file : {"/f.bin", "/f.BIN", "/f.Bin"}) {
+        EXPECT_EQ(run_client({"--slot", "2", "update", "19", file}).out, done + "\n") << file;
+    }
+    EXPECT_EQ(run_client({"--slot", "2", "update", "1e", "/f.bin"}).out, done + "\n");
 }
 
 TEST_F(Success, ShowsTheGreeting) {
@@ -131,9 +135,12 @@ TEST_F(Success, KeepsControlCharactersOfAGreetingFromTheTerminal) {
         test::put_number(greeting, 26, 1, 0xF0);
         greeting[38] = 0x1B;
         greeting[39] = '[';
+        greeting[40] = 0x9B; // the same in one byte
+        greeting[41] = 0x7F;
+        greeting[42] = '~';
         test::answer(request, greeting);
     });
-    EXPECT_EQ(run_client({"hello"}).out, ".[\n");
+    EXPECT_EQ(run_client({"hello"}).out, ".[..~\n");
 }
 
 // --- replies to others
@@ -199,6 +206,19 @@ TEST_F(Success, UsesAnotherSeqForEachRun) {
     EXPECT_NE(number_at(messages[1], 30, 2), number_at(messages[2], 30, 2));
 }
 
+TEST_F(Success, RarelyUsesTheModuleIdOfTheRunBefore) {
+    constexpr size_t kRuns = 5;
+    const Service service(test::answer_well);
+    for (size_t i = 0; i < kRuns; i++) {
+        EXPECT_EQ(run_client({"hello"}).status, 0);
+    }
+    std::set<uint32_t> senders;
+    for (const Bytes &message : service.received(kRuns)) {
+        senders.insert(number_at(message, 0, 4));
+    }
+    EXPECT_GT(senders.size(), 1U);
+}
+
 TEST_F(Success, ServesFourClientsAtOnce) {
     constexpr uint32_t kClients = 4;
     constexpr int kRuns = 25;
@@ -238,12 +258,17 @@ TEST_F(Success, ShowsInADryRunWhatItWouldSend) {
         << run.out;
     EXPECT_TRUE(contains(run.out, "40700000 020001ab 0000\n 0 aptid     0x030ac100\n")) << run.out;
     EXPECT_TRUE(contains(run.out, "\n32 addr      0x00007040\n36 len       0x0002\n")) << run.out;
+    const auto plain = run_client({"--dry-run", "write", "7040", "1"});
+    EXPECT_TRUE(plain.out.starts_with("message 1 of 1, 41 bytes to 0x030a3b00, no reply comes\n"))
+        << plain.out;
+    EXPECT_EQ(plain.out.find("aptid     0x030a0000"), std::string::npos) << plain.out;
     EXPECT_FALSE(std::filesystem::exists(messages_));
 }
 
 TEST_F(Success, SendsNothingInADryRun) {
     const Service service(test::answer_well);
-    EXPECT_EQ(run_client({"--dry-run", "--slot", "2", "read", "0", "4"}).status, 0);
+    EXPECT_EQ(run_client({"--dry-run", "read", "0", "4", "--output", path("o")}).status, 0);
+    EXPECT_EQ(files_named("o"), 0);
     EXPECT_EQ(run_client({"--dry-run", "put-picture", "0", "1", "1", "/no/such"}).status, 0);
     EXPECT_EQ(run_client({"hello"}).status, 0);
     const auto messages = service.received(1);
@@ -255,12 +280,17 @@ TEST_F(Success, NeedsNoServiceForItsHelp) {
     const auto help = run_client({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.err, "");
-    for (const char *part : {"Usage: ruk-ipc", "write-ack ADDR BYTE...", "--timeout MS",
-                             "APIPC_DIR", "Exit status:"}) {
+    for (const char *part :
+         {"Usage: ruk-ipc", "write-ack ADDR BYTE...", "--timeout MS", "APIPC_DIR",
+          "  read ADDR LEN [--output FILE]\n      read LEN bytes from ADDR on and show them",
+          "Exit status:\n  0  done", "\n  1  the card or the service refused",
+          "\n  2  wrong argument\n", "\n  3  no answer, or no service\n"}) {
         EXPECT_TRUE(contains(help.out, part)) << part;
     }
     EXPECT_EQ(run_client({"read", "--help"}).out, help.out);
-    EXPECT_TRUE(run_client({"--version"}).out.starts_with("ruk-ipc "));
+    const auto version = run_client({"--version"});
+    EXPECT_TRUE(version.out.starts_with("ruk-ipc ")) << version.out;
+    EXPECT_TRUE(version.out.ends_with("\n")) << version.out;
 }
 
 } // namespace

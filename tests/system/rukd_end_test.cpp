@@ -108,6 +108,29 @@ TEST_F(ServiceEnd, DoesNotComeWithItsTerminal) {
     EXPECT_EQ(rukd.wait(), 0) << rukd.err();
 }
 
+TEST_F(ServiceEnd, DoesNotComeWithTheReaderOfItsLog) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    Launch launch = rukd_command(sockets);
+    launch.in_child = [inner = launch.in_child, log = ends[1]] {
+        inner();
+        (void)dup2(log, STDOUT_FILENO);
+    };
+    Process rukd(launch);
+    (void)close(ends[1]);
+    std::string log;
+    char byte = 0;
+    while (count(log, "rukd: ready") == 0 && read(ends[0], &byte, 1) == 1) {
+        log += byte;
+    }
+    (void)close(ends[0]);
+    const Client client(sockets, 0x50);
+    expect_greeting(client);
+    expect_greeting(client);
+    rukd.send(SIGTERM);
+    EXPECT_EQ(rukd.wait(), 0) << log << rukd.err();
+}
+
 TEST_F(ServiceEnd, LeavesTheStackOfACrashInTheLog) {
     Process rukd(rukd_that_may_crash(sockets));
     ASSERT_TRUE(rukd.await_output("rukd: ready")) << rukd.err();

@@ -4,8 +4,11 @@
 
 #include <fcntl.h>
 #include <filesystem>
+#include <linux/capability.h>
 #include <random>
 #include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -267,6 +270,46 @@ TEST_F(ServiceTest, FillsTheStandardStreamsThatAreMissing) {
     }
     rukd.send(SIGTERM);
     EXPECT_EQ(rukd.wait(), 0);
+}
+
+TEST_F(ServiceTest, SaysThatItMayUseNoRealTimeThreads) {
+    Launch launch = rukd_command(sockets);
+    launch.in_child = [inner = launch.in_child] {
+        inner();
+        const rlimit none{};
+        if (prctl(PR_CAPBSET_DROP, CAP_SYS_NICE) != 0 || setrlimit(RLIMIT_RTPRIO, &none) != 0) {
+            _exit(99);
+        }
+    };
+    const Finished no_right = run(launch);
+    EXPECT_EQ(no_right.status, 1);
+    EXPECT_EQ(no_right.err, "rukd: eth0: no right to real-time threads (CAP_SYS_NICE)\n");
+}
+
+// Requests name no interface that the service could choose.
+TEST_F(ServiceTest, SaysThatRequestsDoNotGoToItsInterface) {
+    Process rukd(rukd_command(sockets, {"1"}));
+    ASSERT_TRUE(rukd.await_output("rukd: ready, slot 0, eth1, messages in " + sockets + "\n"))
+        << rukd.err();
+    rukd.send(SIGTERM);
+    EXPECT_EQ(rukd.wait(), 0);
+    EXPECT_EQ(rukd.err(), "rukd: eth1 is up, but requests go to eth0\n");
+}
+
+TEST_F(ServiceTest, DumpsFramesOnlyWhenAsked) {
+    Card card;
+    for (const bool is_asked : {true, false}) {
+        Process rukd(rukd_command(sockets, is_asked ? Words{"--frames"} : Words{}));
+        ASSERT_TRUE(rukd.await_output("rukd: ready")) << rukd.err();
+        Client client(sockets, 0x50);
+        ASSERT_TRUE(client.send({.code = 0x00, .slot = 2, .addr = 0x10, .len = 4}));
+        EXPECT_EQ(from_bytes(client.receive()).result, 0U);
+        rukd.send(SIGTERM);
+        EXPECT_EQ(rukd.wait(), 0);
+        EXPECT_EQ(count(rukd.out(), "send: \n"), is_asked ? 1 : 0);
+        EXPECT_EQ(count(rukd.out(), "recv: \n"), is_asked ? 1 : 0);
+    }
+    (void)card.stop();
 }
 
 TEST_F(ServiceTest, IsThereOnlyOnce) {

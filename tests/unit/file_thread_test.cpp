@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -29,6 +30,7 @@ struct Handlers {
     std::vector<Handled> done;
     bool is_open = true;
     size_t waits = 0; // how often the file thread began to wait for a request
+    size_t ticks = 0; // so many of the next waits are interrupted at once
 };
 
 Handlers &handlers() {
@@ -63,6 +65,11 @@ int __wrap_sem_wait(sem_t *semaphore) {
     Handlers &h = handlers();
     {
         const std::lock_guard guard(h.lock);
+        if (h.ticks > 0) {
+            h.ticks -= 1;
+            errno = EINTR;
+            return -1;
+        }
         h.waits += 1;
     }
     h.changed.notify_all();
@@ -115,6 +122,12 @@ void set_gate(bool is_open) {
     h.changed.notify_all();
 }
 
+void interrupt_next(size_t waits) {
+    Handlers &h = handlers();
+    const std::lock_guard guard(h.lock);
+    h.ticks = waits;
+}
+
 std::vector<Handled> handled() {
     Handlers &h = handlers();
     const std::lock_guard guard(h.lock);
@@ -131,6 +144,7 @@ protected:
         h.done.clear();
         h.is_open = true;
         h.waits = 0;
+        h.ticks = 0;
     }
 
     // A waiting thread ends where it waits; a working one has to be awaited first.
@@ -277,7 +291,7 @@ TEST_F(FileThread, DoesNotPickUpTheTailOfAnOlderName) {
 
 TEST_F(FileThread, DoesNotPickUpTheHeadOfAnOlderMessage) {
     start();
-    EXPECT_EQ(deal(file_request(0xEE, "name")), 0);
+    EXPECT_EQ(deal(message_with({.code = 0xEE, .data = {0xB0, 0xB1, 0xB2}})), 0);
     ASSERT_TRUE(await_idle(2));
     const Bytes message = message_with({.code = 0xEE, .data = {0xA0}}); // 39 bytes
     EXPECT_EQ(deal(message), 0);
@@ -286,6 +300,15 @@ TEST_F(FileThread, DoesNotPickUpTheHeadOfAnOlderMessage) {
     head.push_back(0);
     EXPECT_EQ(handled().at(1).head, head);
     EXPECT_EQ(handled().at(1).request, request_area(message));
+}
+
+// A signal may end a wait before there is a request.
+TEST_F(FileThread, TakesNoInterruptionForARequest) {
+    start();
+    interrupt_next(3);
+    EXPECT_EQ(deal(file_request(0xEE, "name")), 0);
+    ASSERT_TRUE(await_idle(2));
+    EXPECT_EQ(handled().size(), 1U);
 }
 
 TEST_F(FileThread, GetsNoDataThatLenDoesNotCount) {

@@ -130,7 +130,7 @@ TEST_F(LoadPictureFile, PassesATextFileOnAsItIs) {
 }
 
 TEST_F(LoadPictureFile, PassesAnyOtherFileOnAndThenComplains) {
-    for (const char *ending : {"raw", "p.BMP", "p.TXT", "p.Bmp", "p.bmpx", "bmp"}) {
+    for (const char *ending : {"raw", "p.BMP", "p.TXT", "p.Bmp", "p.bmpx", "bmp", "pbmp", "ptxt"}) {
         card_reset();
         const Bytes pixels = test::pattern(4);
         const std::string name = test::write_file(directory.path(ending), pixels);

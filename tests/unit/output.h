@@ -2,9 +2,12 @@
 #ifndef TESTS_UNIT_OUTPUT_H
 #define TESTS_UNIT_OUTPUT_H
 
+#include <atomic>
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace test {
 
@@ -14,6 +17,27 @@ std::string output_of(Action action) {
     testing::internal::CaptureStdout();
     action();
     return testing::internal::GetCapturedStdout();
+}
+
+/** The same while another thread prints one '~' after the other. */
+template <typename Action>
+std::string output_among_others(Action action) {
+    return output_of([&action] {
+        std::atomic<bool> is_printing{false};
+        std::atomic<bool> end{false};
+        std::thread other([&] {
+            while (!end) {
+                (void)putchar('~');
+                is_printing = true;
+            }
+        });
+        while (!is_printing) {
+            std::this_thread::yield();
+        }
+        action();
+        end = true;
+        other.join();
+    });
 }
 
 /** How often a text stands in another. */

@@ -5,18 +5,34 @@
 #include "temp_files.h"
 
 #include <algorithm>
+#include <chrono>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
 
+using namespace std::chrono_literals;
+
 struct SystemCall {
     std::string command;
     size_t card_calls; // made before it
+    int inherited;     // open descriptors that its shell gets, too
 };
 std::vector<SystemCall> g_system_calls;
+
+int inheritable_descriptors() {
+    constexpr int kMany = 1024;
+    int count = 0;
+    for (int fd = 0; fd < kMany; fd++) {
+        const int flags = fcntl(fd, F_GETFD);
+        count += flags >= 0 && (flags & FD_CLOEXEC) == 0 ? 1 : 0;
+    }
+    return count;
+}
 
 } // namespace
 
@@ -26,7 +42,7 @@ extern "C" {
 int __wrap_my_system(const char *command);
 
 int __wrap_my_system(const char *command) {
-    g_system_calls.push_back({command, card_calls().size()});
+    g_system_calls.push_back({command, card_calls().size(), inheritable_descriptors()});
     return 1; // files are of use without it
 }
 }
@@ -90,9 +106,9 @@ TEST_F(Ddr2Read, ReadsABlockThroughTheFirstRegistersOnInterfaces0And1) {
         card_reset();
         play_memory(test::pattern(100));
         Bytes block(100);
-        EXPECT_EQ(DDR2ReadProcess(index, 0x85, 0x1234, 0xA1B2C3D4, 100, block.data()), 0);
+        EXPECT_EQ(DDR2ReadProcess(index, 0x85, 0x12B4, 0xA1B2C3D4, 100, block.data()), 0);
         std::vector<CardCall> expected;
-        add_block(expected, kFirst, index, 0x85, 0x34, 0xA1B2C3D4, 2, 100);
+        add_block(expected, kFirst, index, 0x85, 0xB4, 0xA1B2C3D4, 2, 100);
         EXPECT_EQ(card_calls(), expected);
         EXPECT_EQ(block, test::pattern(100));
     }
@@ -255,13 +271,16 @@ protected:
     }
 
     // A request for slot 0x85, model 0x1234, address 0x01020304, with exactly its data behind it.
-    std::string run(uint32_t hor, uint32_t ver, const std::string &name, int expected_result) {
+    static Bytes request_for(uint32_t hor, uint32_t ver, const std::string &name) {
         Bytes request = {0x11, 0xFE, 0xDD, 0x85, 0x34, 0x12, 7, 0, 4, 3, 2, 1};
         put(request, static_cast<uint32_t>(8 + name.size()), 2);
         put(request, hor, 4);
         put(request, ver, 4);
         request.insert(request.end(), name.begin(), name.end());
-        return run(request, expected_result);
+        return request;
+    }
+    std::string run(uint32_t hor, uint32_t ver, const std::string &name, int expected_result) {
+        return run(request_for(hor, ver, name), expected_result);
     }
     std::string run(const Bytes &request, int expected_result) {
         uint8_t head[40] = {};
@@ -335,12 +354,51 @@ TEST_F(PictureRead, WritesThePixelsAsTheyCameAndABmpUpsideDown) {
     EXPECT_EQ(test::read_file(name + ".bmp"), bmp);
 }
 
+TEST_F(PictureRead, TellsTheTimeInSecondsAndMicroseconds) {
+    card_answers_reads([](const CardCall &call) {
+        std::this_thread::sleep_for(is_data_read(call) ? 1s : 0s);
+        return ReadAnswer{-1, {}};
+    });
+    uint8_t head[40] = {};
+    const std::string name = directory.path("picture");
+    Bytes request = request_for(1, 1, name);
+    const std::string log =
+        test::log_of([&] { EXPECT_EQ(read_file_handle(head, request.data()), 0); });
+    unsigned seconds = 0;
+    unsigned microseconds = 0;
+    const size_t at = log.find("total time:");
+    ASSERT_NE(at, std::string::npos) << log;
+    ASSERT_EQ(sscanf(log.c_str() + at, "total time:%u sec,%u usec", &seconds, &microseconds), 2);
+    EXPECT_GE(seconds, 1U);
+    EXPECT_LT(microseconds, 1000000U);
+}
+
 TEST_F(PictureRead, RunsSyncOnceWhenThePixelsAreThere) {
     const std::string name = directory.path("picture");
     (void)run(1, 1, name, 0);
     ASSERT_EQ(g_system_calls.size(), 1U);
     EXPECT_EQ(g_system_calls[0].command, "sync");
     EXPECT_EQ(g_system_calls[0].card_calls, 4U);
+}
+
+TEST_F(PictureRead, KeepsItsFilesFromTheShell) {
+    int before = 0;
+    (void)test::output_of([&] { before = inheritable_descriptors(); }); // output is a file's there
+    (void)run(1, 1, directory.path("picture"), 0);
+    ASSERT_EQ(g_system_calls.size(), 1U);
+    EXPECT_EQ(g_system_calls[0].inherited, before);
+}
+
+TEST_F(PictureRead, CreatesItsFilesAsTheUmaskSays) {
+    const mode_t mask = umask(002);
+    const std::string name = directory.path("picture");
+    (void)run(1, 1, name, 0);
+    (void)umask(mask);
+    for (const std::string &file : {name, name + ".bmp"}) {
+        struct stat found {};
+        ASSERT_EQ(stat(file.c_str(), &found), 0);
+        EXPECT_EQ(found.st_mode & 07777, 0664U) << file;
+    }
 }
 
 TEST_F(PictureRead, ReadsLinesOf10PixelsWithAStrideOf64Bytes) {

@@ -129,8 +129,24 @@ TEST(MessageBuffer, LiesBehindTheHeadsOfItsMessage) {
     ApMsgBuffFree(data);
     ApMsgBuffFree(nullptr);
     EXPECT_EQ(mem_handed_out(), out);
+    ASSERT_NE(data = ApMsgBuffGet(8152), nullptr);
+    ApMsgBuffFree(data);
     EXPECT_EQ(ApMsgBuffGet(8153), nullptr);
     EXPECT_EQ(ApMsgBuffGet(UINT32_MAX), nullptr);
+}
+
+// Most messages are sent with bytes that nobody has written.
+TEST(MessageBuffer, HoldsNothingOfTheMessageBefore) {
+    for (const uint32_t size : {0U, 1U, 100U, 1400U, 8152U}) {
+        uint8_t *data = ApMsgBuffGet(size);
+        ASSERT_NE(data, nullptr);
+        std::fill_n(ApMsgBuffHeadGet(data), size + 40, uint8_t{0xEE});
+        ApMsgBuffFree(data);
+        data = ApMsgBuffGet(size);
+        const uint8_t *head = ApMsgBuffHeadGet(data);
+        EXPECT_EQ(std::count(head, head + size + 40, 0), size + 40) << size;
+        ApMsgBuffFree(data);
+    }
 }
 
 TEST(MessageSend, SendsTheHeaderAndSoManyBytesMore) {
@@ -159,6 +175,17 @@ TEST(PrintBuf, BreaksTheLineBeforeEverySixteenthByte) {
         sixteen += "ab ";
     }
     EXPECT_EQ(test::output_of([&] { print_buf(bytes.data(), 17); }), "\n" + sixteen + "\nab \n");
+}
+
+TEST(PrintBuf, KeepsADumpTogether) {
+    const std::vector<uint8_t> bytes(4096, 0xAB);
+    const std::string dump = test::output_of([&] { print_buf(bytes.data(), 4096); });
+    const std::string text = test::output_among_others([&] {
+        for (int i = 0; i < 20; i++) {
+            print_buf(bytes.data(), 4096);
+        }
+    });
+    EXPECT_EQ(test::occurrences(text, dump), 20);
 }
 
 } // namespace

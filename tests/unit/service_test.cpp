@@ -1,4 +1,5 @@
 #include "ap_msg/ap_msg.h"
+#include "ap_msg/reply.h"
 #include "fake_board.h"
 #include "fake_card.h"
 #include "fake_heap.h"
@@ -369,6 +370,14 @@ TEST_F(Service, FillsTheHeaderOfAReplyToAShortRequestWithZeros) {
     }
 }
 
+TEST_F(Service, LeavesNothingOfWhatWasInTheHeaderBefore) {
+    const Bytes message = message_with({});
+    ASSERT_EQ(message.size(), 38U);
+    Bytes header(40, 0xEE);
+    write_reply_header(header.data(), message, kFailed, 0);
+    EXPECT_EQ(header, reply_to(message, kOwn, kFailed, 0));
+}
+
 // ---- the greeting, and texts
 
 Bytes greeting() {
@@ -489,6 +498,16 @@ TEST_F(Service, DumpsMessagesOfAnotherKindOrClass) {
         EXPECT_EQ(log_of_deal(message), "|msg type wrong\n" + dump_of(message));
     }
     expect_silence();
+}
+
+TEST_F(Service, KeepsADumpTogether) {
+    const Bytes message = message_with({.kind = 2, .data = Bytes(4096, 0xAB)});
+    const std::string text = test::output_among_others([&] {
+        for (int i = 0; i < 20; i++) {
+            EXPECT_EQ(deal(message), 0);
+        }
+    });
+    EXPECT_EQ(test::occurrences(text, dump_of(message)), 20);
 }
 
 TEST_F(Service, RefusesMessagesWithoutARequestHead) {
@@ -613,6 +632,14 @@ TEST_F(Service, CarriesOutAReadThatItIsHandedInParts) {
     (void)mem_uinit();
     const HeapLimit limit(1440);
     EXPECT_EQ(ApipcDataProc(exact.get(), exact.get() + 24), -1);
+}
+
+TEST_F(Service, RefusesAFileRequestLongerThanItsPlaceThatItIsHandedInParts) {
+    Bytes message = message_with({.code = 0xEE, .data = Bytes(1011, 'x')});
+    EXPECT_EQ(
+        test::log_of([&] { EXPECT_EQ(ApipcDataProc(message.data(), message.data() + 24), 0); }),
+        "|ap_msg: message of 1049 bytes: more than a file request's 1010 bytes of data\n");
+    expect_silence();
 }
 
 TEST_F(Service, AnswersAFileRequestUnderItsOwnName) {

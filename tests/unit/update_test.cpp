@@ -280,6 +280,12 @@ TEST_F(Update, NeverSendsAnOlderTemporaryFile) {
 TEST_F(Update, GoesOnWithoutTheFirmwareAndFails) {
     const std::string path = directory_.path("fw.bin");
     (void)std::filesystem::create_directory(path);
+    const std::string log = test::log_of([&] { (void)sys_update(path.c_str(), 0x0102, 3); });
+    EXPECT_NE(log.find("|open '" + path + "': a pipe or a directory, not a file\n|update: open '" +
+                       path + "': Invalid argument\n"),
+              std::string::npos)
+        << log;
+    card_reset();
     const std::string output = updated(path);
     EXPECT_TRUE(
         output.ends_with(std::string(" file open failbegin open file! \r\n ") + kSuccess + kEnd))
