@@ -78,7 +78,8 @@ RUK_API void *ApMsgRecv(void *index);
 RUK_API int ApipcEventDeal(int a, int b, void *msg, int length);
 
 /**
- * Carry out one request and answer it.
+ * Carry out one request and answer it. A request service, module 0x3B of any card, gets no answer
+ * (logged): it would take that for a request.
  *
  *   msg  start of the message: 40 bytes or more, with the data that its len field counts
  *   req  its request head, msg + 24
@@ -155,7 +156,7 @@ RUK_API int DDR2ReadProcess(int index, uint8_t slot, uint16_t model, uint32_t ad
 
 /**
  * Answer a file request: the 40-byte header, which is changed in place, goes back to its sender.
- * Returns what the message library returns.
+ * Returns what the message library returns, or -1: the sender is a request service, not sent.
  */
 RUK_API int write_file_resp(void *head, int result);
 
@@ -177,7 +178,8 @@ RUK_API int update_file_handle(void *head, void *req);
  *
  *   data  the kind of update, 4 bytes as they came
  *
- * Returns what the message library returns, or -1: no memory, nothing is sent.
+ * Returns what the message library returns, or -1: no memory, or the sender is a request service;
+ * nothing is sent.
  */
 RUK_API int update_file_resp(void *head, void *data, int result);
 

@@ -37,16 +37,6 @@ void become_real_time() {
     }
 }
 
-Words card_command(const Words &options) {
-    const char *card_namespace = getenv("RUK_CARD_NETNS");
-    Words argv = {"nsenter",
-                  std::string("--net=") + (card_namespace != nullptr ? card_namespace : ""),
-                  RUK_CARD_PROGRAM};
-    argv.insert(argv.end(), options.begin(), options.end());
-    argv.emplace_back("card0");
-    return argv;
-}
-
 } // namespace
 
 void journal_add(const std::string &entry) {
@@ -61,6 +51,16 @@ int64_t Counters::operator[](const std::string &name) const {
         return -1;
     }
     return strtoll(json.c_str() + at + key.size(), nullptr, 10);
+}
+
+Words card_command(const Words &options) {
+    const char *card_namespace = getenv("RUK_CARD_NETNS");
+    Words argv = {"nsenter",
+                  std::string("--net=") + (card_namespace != nullptr ? card_namespace : ""),
+                  RUK_CARD_PROGRAM};
+    argv.insert(argv.end(), options.begin(), options.end());
+    argv.emplace_back("card0");
+    return argv;
 }
 
 Card::Card(const Words &options, Priority priority)

@@ -92,6 +92,8 @@ struct Counters {
     int64_t operator[](const std::string &name) const;
 };
 
+Words card_command(const Words &options);
+
 /** ruk-card on card0, and on others among the options; ready when the constructor returns. */
 class Card {
 public:

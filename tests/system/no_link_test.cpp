@@ -1,6 +1,7 @@
 // Links that do not come up, or go down, and rights that are missing: the tool ends all the same.
 #include "bed.h"
 
+#include <csignal>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -132,19 +133,29 @@ TEST_F(NoLink, WithoutStandardInputTheLinkWorks) {
     EXPECT_EQ(card.stop()["read_replies"], 1);
 }
 
+void close_standard_streams() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        (void)close(fd);
+    }
+}
+
 // What is opened first would take their numbers, and log lines would go where it leads.
 TEST_F(NoLink, WithoutStandardStreamsNothingButTheRequestGoesOut) {
     Card card;
     Capture capture;
-    const Finished result =
-        run({.argv = ruk_command({"0", "readw", "1", "3", "7040", "2"}), .in_child = [] {
-                 (void)close(STDIN_FILENO);
-                 (void)close(STDOUT_FILENO);
-                 (void)close(STDERR_FILENO);
-             }});
+    const Finished result = run({.argv = ruk_command({"0", "readw", "1", "3", "7040", "2"}),
+                                 .in_child = close_standard_streams});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(capture.sent().size(), 1U);
     EXPECT_EQ(card.stop()["read_replies"], 1);
+}
+
+// Nobody would learn that it is ready.
+TEST_F(NoLink, WithoutStandardStreamsTheCardEndsAndSendsNothing) {
+    Capture capture;
+    Process card({.argv = card_command({}), .in_child = close_standard_streams});
+    EXPECT_EQ(card.wait(), 1);
+    EXPECT_TRUE(capture.received().empty());
 }
 
 // A record that was never filled holds descriptor 0.
