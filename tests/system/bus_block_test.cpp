@@ -59,13 +59,16 @@ public:
     }
 
 private:
+    // Ten such frames end an attempt and ten attempts the read: the card may stand still for 2 s.
+    static constexpr auto kPace = 20ms;
+
     void run() {
         // Large ones: few of them fit a socket that nobody reads.
         Bytes frame = from_hex("020000000001 020000000002 88b5");
         frame.resize(kLargestPiece);
         while (!stopping_) {
             end_.send(frame);
-            std::this_thread::sleep_for(2ms);
+            std::this_thread::sleep_for(kPace);
         }
     }
 
