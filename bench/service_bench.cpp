@@ -24,8 +24,7 @@ constexpr int kProcessesPerTurn = 12;
 constexpr double kUsPerMs = 1000;
 constexpr const RoundTrip &kRead = kRoundTrips[0];
 
-constexpr int kModule = 0x850; // of this client: an id that nobody else has, in the lowest slot
-constexpr int kOwnAddress = 0xA0000 | kModule << 4;
+constexpr int kOwnAddress = 0xA8500; // module 0x85, which nobody else is, of the card in slot 0
 
 uint8_t g_code;    // of the last reply
 uint32_t g_result; // its result
