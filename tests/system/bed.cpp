@@ -1,6 +1,7 @@
 #include "bed.h"
 
 #include "journal.h"
+#include "repeat.h"
 
 #include <algorithm>
 #include <csignal>
@@ -180,5 +181,5 @@ int main(int argc, char **argv) {
                       argv[0]);
         return bed::kRefused;
     }
-    return RUN_ALL_TESTS();
+    return bed::run_and_repeat();
 }

@@ -22,7 +22,7 @@ using Bytes = std::vector<uint8_t>;
 using Words = std::vector<std::string>;
 using Milliseconds = std::chrono::milliseconds;
 
-constexpr Milliseconds kHang = 60s; // whatever takes so long never ends
+constexpr Milliseconds kHang = 120s; // whatever takes so long never ends
 
 // --- processes ----------------------------------------------------------------------------------
 

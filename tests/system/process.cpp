@@ -1,7 +1,9 @@
 // Programs under test and what they print.
 #include "bed.h"
 #include "journal.h"
+#include "repeat.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -56,6 +58,12 @@ std::vector<char *> exec_words(const Words &words) {
     return argv;
 }
 
+bool has_crashed(int status) {
+    constexpr int kCrashes[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
+    return std::ranges::any_of(kCrashes,
+                               [status](int signo) { return status == kSignalledBase + signo; });
+}
+
 [[noreturn]] void become(const Launch &launch, char *const *argv, int out_fd, int err_fd) {
     (void)prctl(PR_SET_PDEATHSIG, static_cast<unsigned long>(SIGKILL));
     const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -89,6 +97,9 @@ Process::~Process() {
         send(SIGKILL);
         (void)wait();
     }
+    if (has_crashed(status_.value_or(0)) || err().find("Sanitizer") != std::string::npos) {
+        repeat_never();
+    }
     journal_add("$ " + name_ + "\nstatus " + std::to_string(status_.value_or(-1)) +
                 "\n--- standard output\n" + out() + "\n--- standard error\n" + err());
     (void)close(out_fd_);
@@ -112,6 +123,9 @@ std::optional<int> Process::wait(Milliseconds at_most) {
         if (waitpid(pid_, &status, WNOHANG) == pid_) {
             status_ = WIFSIGNALED(status) ? kSignalledBase + WTERMSIG(status) : WEXITSTATUS(status);
         } else if (Clock::now() > give_up) {
+            if (at_most >= kHang) {
+                repeat_never();
+            }
             return std::nullopt;
         } else {
             std::this_thread::sleep_for(kPoll);
@@ -123,8 +137,12 @@ std::optional<int> Process::wait(Milliseconds at_most) {
 bool Process::await_output(std::string_view text) {
     const auto give_up = Clock::now() + kHang;
     while (out().find(text) == std::string::npos) {
-        if (wait(kPoll) || Clock::now() > give_up) {
+        if (wait(kPoll)) {
             return out().find(text) != std::string::npos;
+        }
+        if (Clock::now() > give_up) {
+            repeat_never();
+            return false;
         }
     }
     return true;
