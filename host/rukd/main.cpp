@@ -9,6 +9,7 @@
 #include "mem/mem.h"
 #include "queue/queue.h"
 #include "raw_msg/raw_msg.h"
+#include "timer/last_alarm.h"
 #include "timer/timer.h"
 
 #include <atomic>
@@ -195,14 +196,6 @@ void wait_for_end() {
     }
 }
 
-// Whoever reads the log may stand still, and so whoever writes to it. The alarm takes the timer of
-// the 30 ms tick, which nobody needs any more.
-void limit_last_words() {
-    (void)alarm(kLastWordsSeconds);
-    (void)signal(SIGALRM, SIG_IGN); // drops a tick on its way; it would pass for the alarm
-    (void)signal(SIGALRM, end_at_once);
-}
-
 } // namespace
 
 int main(int argc, char **argv) {
@@ -226,7 +219,8 @@ int main(int argc, char **argv) {
     printf("rukd: ready, slot %d, %s, messages in %s\n", apcard_bit_self(),
            g_netdev_name[arguments.index], message_directory());
     wait_for_end();
-    limit_last_words();
+    // Whoever reads the log may stand still, and so whoever writes to it.
+    set_last_alarm(kLastWordsSeconds, end_at_once);
     printf("rukd: ended\n");
     _exit(0); // the threads are in the middle of their waits: the end of the process ends them
 }

@@ -3,6 +3,7 @@
 
 #include "log/write.h"
 #include "mem/mem.h"
+#include "timer/last_alarm.h"
 
 #include <array>
 #include <atomic>
@@ -31,12 +32,9 @@ using Lines = std::unique_ptr<char *, FreeLines>;
 
 // The signal may have come while its thread held a lock that the way out needs: the pool's, that of
 // malloc or that of a stream. It would wait for itself for ever. So an alarm enters task_die again,
-// which ends the process. The alarm takes the timer of the 30 ms tick, which nobody needs any more.
-// Every call here is one that a handler may make.
+// which ends the process. Every call here is one that a handler may make.
 void limit_time() {
-    (void)alarm(kMostSeconds);
-    (void)signal(SIGALRM, SIG_IGN); // drops a tick on its way; it would pass for the alarm
-    (void)signal(SIGALRM, task_die);
+    set_last_alarm(kMostSeconds, task_die);
     sigset_t alarms;
     (void)sigemptyset(&alarms);
     (void)sigaddset(&alarms, SIGALRM);

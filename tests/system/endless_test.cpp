@@ -1,5 +1,6 @@
 // A wire that never rests: garbage, and a card that refuses for ever.
 #include "bed.h"
+#include "stalled_log.h"
 
 #include <csignal>
 #include <random>
@@ -79,6 +80,18 @@ TEST_F(Endless, ASignalEndsAWaitingCommand) {
         EXPECT_EQ(tool.wait(), 0);
         EXPECT_EQ(count(tool.out(), "register end"), 0); // it was in the middle of its work
     }
+}
+
+// The way out writes what is still to be written: that is not waited for without end.
+TEST_F(Endless, ASignalEndsTheToolAlsoWhenNobodyReadsItsLog) {
+    const StalledLog log;
+    Card card({"--error", "5@7040"}); // each refusal makes a line and another frame
+    Process tool(log.as_output_of({.argv = ruk_command({"0", "writea", "1", "3", "7040", "0x1"})}));
+    while (log.held() < StalledLog::kRoom - 256 && !tool.wait(1ms)) {
+    }
+    tool.send(SIGINT);
+    EXPECT_EQ(tool.wait(), 0);
+    (void)card.stop();
 }
 
 } // namespace

@@ -1,10 +1,9 @@
 // How rukd ends: told to, or crashed.
 #include "service.h"
+#include "stalled_log.h"
 
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
-#include <poll.h>
 #include <regex>
 #include <thread>
 #include <unistd.h>
@@ -44,59 +43,26 @@ TEST_F(ServiceEnd, IsCleanOnEverySignalThatAsksForIt) {
     }
 }
 
-// A log that nobody reads: the pipe fills, and so stands still whoever prints.
-class StalledLog {
-public:
-    StalledLog() {
-        EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
-        EXPECT_GT(fcntl(ends_[1], F_SETPIPE_SZ, kRoom), 0);
-    }
-    StalledLog(const StalledLog &) = delete;
-    StalledLog &operator=(const StalledLog &) = delete;
-    ~StalledLog() {
-        (void)close(ends_[0]);
-        (void)close(ends_[1]);
-    }
-    [[nodiscard]] Launch as_output_of(Launch launch) const {
-        launch.in_child = [inner = launch.in_child, end = ends_[1]] {
-            inner();
-            (void)dup2(end, STDOUT_FILENO);
-        };
-        return launch;
-    }
-    [[nodiscard]] bool read_up_to(std::string_view text) const {
-        std::string log;
-        char piece[kRoom];
-        ssize_t got = 1;
-        while (got > 0 && log.find(text) == std::string::npos) {
-            got = read(ends_[0], piece, sizeof piece);
-            log.append(piece, got > 0 ? static_cast<size_t>(got) : 0);
-        }
-        return got > 0;
-    }
-    [[nodiscard]] bool is_full() const {
-        pollfd room{.fd = ends_[1], .events = POLLOUT, .revents = 0};
-        return poll(&room, 1, 0) == 0;
-    }
-
-private:
-    static constexpr int kRoom = 4096;
-    int ends_[2] = {-1, -1};
-};
-
+// The thread sanitizer holds a signal back from a thread that waits for a stream's lock.
+#if !defined(__SANITIZE_THREAD__)
 TEST_F(ServiceEnd, ComesAlsoWhenNobodyReadsTheLog) {
     const StalledLog log;
     Process rukd(log.as_output_of(rukd_command(sockets)));
     ASSERT_TRUE(log.read_up_to("rukd: ready")) << rukd.err();
     const Client client(sockets, 0x50);
+    // The dump of one has room in the pipe, that of another has not.
     const Message unknown{.code = 0x33, .len = 900, .data = Bytes(900, 'x')};
-    while (!log.is_full()) {
+    for (int i = 0; i < 5; i++) {
         ASSERT_TRUE(client.send(unknown));
-        std::this_thread::sleep_for(1ms); // or its queue would fill, and the sender stand still
     }
+    while (log.held() < StalledLog::kRoom / 2) {
+        std::this_thread::sleep_for(1ms);
+    }
+    std::this_thread::sleep_for(100ms);
     rukd.send(SIGTERM);
     EXPECT_EQ(rukd.wait(), 0) << rukd.err();
 }
+#endif
 
 TEST_F(ServiceEnd, DoesNotComeWithItsTerminal) {
     Process rukd(rukd_command(sockets));

@@ -3,6 +3,7 @@
 
 #include "log/relaxed.h"
 #include "queue/queue.h"
+#include "timer/last_alarm.h"
 #include "timer/timer_priv.h"
 
 #include <gtest/gtest.h>
@@ -358,6 +359,40 @@ int32_t ticks_counted_after_a_pending_one() {
 
 TEST_F(InitTimer, DropsATickThatWasStillPending) {
     EXPECT_EQ(ticks_counted_after_a_pending_one(), 0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The end
+
+std::atomic<int> g_last_alarms{0};
+
+void count_last_alarm(int /*signo*/) {
+    g_last_alarms += 1;
+}
+
+TEST_F(InitTimer, EndsWithALastAlarmForWhichNoTickPasses) {
+    g_last_alarms = 0;
+    sigset_t alarm;
+    sigset_t before;
+    (void)sigemptyset(&alarm);
+    (void)sigaddset(&alarm, SIGALRM);
+    (void)pthread_sigmask(SIG_BLOCK, &alarm, &before);
+    EXPECT_EQ(initTimer(), 0);
+    (void)raise(SIGALRM);
+    set_last_alarm(1, count_last_alarm);
+    itimerval running{};
+    EXPECT_EQ(getitimer(ITIMER_REAL, &running), 0);
+    EXPECT_GT(running.it_value.tv_sec * 1000000 + running.it_value.tv_usec, 0);
+    EXPECT_EQ(running.it_interval.tv_sec, 0);
+    EXPECT_EQ(running.it_interval.tv_usec, 0);
+    sigset_t waiting;
+    EXPECT_EQ(sigpending(&waiting), 0);
+    EXPECT_EQ(sigismember(&waiting, SIGALRM), 0);
+    (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    while (g_last_alarms == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(load_relaxed(elapsed), 0);
 }
 
 } // namespace
