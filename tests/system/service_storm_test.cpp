@@ -15,16 +15,18 @@ namespace bed {
 namespace {
 
 constexpr int kClients = 4;
-constexpr int kRequests = 2'000; // of each client
 constexpr uint8_t kFirstModule = 0x50;
 constexpr uint32_t kRegion = 0x10000;
 constexpr uint8_t kNearSlot = 1; // waits half as long for a lost reply
 
-// A sanitizer keeps freed memory for a while: its growth says nothing about the service's.
+// A sanitizer keeps freed memory for a while: its growth says nothing about the service's. What
+// else it finds it finds early.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kMemoryIsOnlyOurs = false;
+constexpr int kRequests = 500; // of each client
 #else
 constexpr bool kMemoryIsOnlyOurs = true;
+constexpr int kRequests = 2'000;
 #endif
 constexpr int64_t kGrowth =
     512 * 1024; // bytes: pool blocks and stacks that the first requests touch
@@ -215,7 +217,7 @@ TEST_F(ServiceStorm, AnswersEveryRequestOfFourProcessesOnce) {
         static_cast<long long>(before / 1024), static_cast<long long>(after / 1024),
         kClients * kRequests, outcome->replies.load(), outcome->failures.load());
     EXPECT_EQ(outcome->errors, 0);
-    EXPECT_GT(outcome->failures, 20);
+    EXPECT_GT(outcome->failures, kRequests / 100);
     if (kMemoryIsOnlyOurs) {
         EXPECT_LT(after - before, kGrowth);
     }
