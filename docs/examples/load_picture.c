@@ -29,8 +29,8 @@ int main(int argc, char **argv) {
     if (g_eth_init[INTERFACE].flag == 1 && receiver != 0 && checker != 0) {
         failed = LoadPicture(0, (uint32_t)strtoul(argv[1], NULL, 10),
                              (uint32_t)strtoul(argv[2], NULL, 10), argv[3], "-e", "-1B") != 0;
-        /* Nothing answers the picture; an answer behind it says that the card took it all. It comes
-         * late from a card that is still storing. */
+        /* Nothing answers the picture; an answer behind it says that the card is there and has
+         * worked through what came. It is late from a card that is still storing. */
         failed |= RawSockSendMsgWithReadWait(INTERFACE, 0, 0, STATUS, 0, 1, answer, &received,
                                              TICKS) != 0;
     }

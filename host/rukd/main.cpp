@@ -27,7 +27,6 @@ namespace {
 
 constexpr int kMissing = 1; // exit status: something that the service needs is not there
 constexpr int kUsage = 2;
-constexpr unsigned kLastWordsSeconds = 2;
 
 constexpr char kHelp[] =
     "usage: rukd [--frames] [INDEX]\n"
@@ -48,10 +47,6 @@ static_assert(std::atomic<bool>::is_always_lock_free, "a handler sets it");
 void end_service(int /*signo*/) {
     g_end = true;
     post_test();
-}
-
-void end_at_once(int /*signo*/) {
-    _exit(0);
 }
 
 void install_signal_handlers() {
@@ -219,8 +214,7 @@ int main(int argc, char **argv) {
     printf("rukd: ready, slot %d, %s, messages in %s\n", apcard_bit_self(),
            g_netdev_name[arguments.index], message_directory());
     wait_for_end();
-    // Whoever reads the log may stand still, and so whoever writes to it.
-    set_last_alarm(kLastWordsSeconds, end_at_once);
+    limit_last_words();
     printf("rukd: ended\n");
     _exit(0); // the threads are in the middle of their waits: the end of the process ends them
 }

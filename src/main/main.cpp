@@ -19,7 +19,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
@@ -28,7 +27,6 @@ using namespace std::chrono_literals;
 constexpr auto kThreadStart = 100000us; // until both threads of the link are running
 constexpr auto kThreadEnd = 1000ms;     // at most; they end as soon as they are cancelled
 constexpr int kFailed = -1;             // the shell sees 255
-constexpr unsigned kLastWordsSeconds = 2;
 constexpr char kDumpingName[] = "ruk_test";
 
 // Room for a burst of frames. Their outcome does not matter: without the right the limits stay.
@@ -52,13 +50,8 @@ struct Threads {
     pthread_t check = {};
 };
 
-void end_at_once(int /*signo*/) {
-    _exit(0);
-}
-
-// What the signal interrupted may hold a lock that the way out needs; nobody waits for it for ever.
 void end_quietly(int /*signo*/) {
-    set_last_alarm(kLastWordsSeconds, end_at_once);
+    limit_last_words();
     exit(0);
 }
 

@@ -70,6 +70,8 @@ Bytes expected_plain(Size size) {
     return plain;
 }
 
+constexpr char kBlockLost[] = "timeout or ack error"; // the service's log line of a read
+
 class Picture : public SystemTest {
 protected:
     // The service does not tell when a file is complete.
@@ -92,7 +94,7 @@ protected:
     std::string get_picture(const Service &service, Size size) const {
         std::string out;
         for (int attempt = 1; attempt <= 3; attempt++) {
-            const int lost_before = count(service.log(), "timeout or ack error");
+            const int lost_before = count(service.log(), kBlockLost);
             out = directory.path("out" + std::to_string(attempt));
             const Finished get =
                 run({.argv = {"ruk-ipc", "get-picture", "0", std::to_string(size.hor),
@@ -102,7 +104,7 @@ protected:
             EXPECT_EQ(get.status, 0) << get.out << get.err;
             await_size(out, expected_plain(size).size());
             await_size(out + ".bmp", expected_bmp(size).size());
-            if (count(service.log(), "timeout or ack error") == lost_before) {
+            if (count(service.log(), kBlockLost) == lost_before) {
                 break;
             }
         }

@@ -55,8 +55,7 @@ TEST_F(ServiceEnd, ComesAlsoWhenNobodyReadsTheLog) {
     for (int i = 0; i < 5; i++) {
         ASSERT_TRUE(client.send(unknown));
     }
-    while (log.held() < StalledLog::kRoom / 2) {
-        std::this_thread::sleep_for(1ms);
+    while (log.held() < StalledLog::kRoom / 2 && !rukd.wait(1ms)) {
     }
     std::this_thread::sleep_for(100ms);
     rukd.send(SIGTERM);
