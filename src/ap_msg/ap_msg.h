@@ -188,13 +188,13 @@ RUK_API int update_firmware(int slot, int device_type, const char *path);
 
 /**
  * Send a firmware file to a card over interface 0. The file goes with a head in front of it through
- * /home/updatebin.tmp, which stays: one update at a time on a board. What happens is told on
- * standard output.
+ * /home/updatebin.tmp, which stays, empty if it could not be filled: one update at a time on a
+ * board. What happens is told on standard output.
  *
  * Returns 0: everything was acknowledged, or the path holds no ".bin" and nothing was sent; or -1:
- * no such file, a file that cannot be read or written, a write that the card refused or did not
- * acknowledge. What the card has got by then is not taken back.
- * Blocks: until it is done.
+ * no such file, one that its head cannot describe (4 GiB, on a 32-bit board 2 GiB) or that cannot
+ * be read or written, a write that the card refused or did not acknowledge. What the card has got
+ * by then is not taken back. Blocks: until it is done.
  */
 RUK_API int sys_update(const char *path, int16_t device_type, uint8_t slot);
 

@@ -5,48 +5,67 @@
 #include "ap_msg/update_layout.h"
 #include "log/write.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <numeric>
+#include <sys/stat.h>
 #include <utility>
 
 namespace {
 
-constexpr uint64_t kLargestFirmware = std::numeric_limits<uint32_t>::max() - update::kHeadSize;
+// What the head and get_file_size can say of the image.
+constexpr uint64_t kLargestImage =
+    std::min<uint64_t>(std::numeric_limits<uint32_t>::max(), std::numeric_limits<long>::max());
+constexpr uint64_t kLargestFirmware = kLargestImage - update::kHeadSize;
 
 struct Firmware {
     uint64_t size = 0;
     uint32_t checksum = update::kFirmwareChecksumStart; // its low 16 bits count
 };
 
-// False: the firmware cannot be read, or is larger than its head can say (logged). What cannot be
-// written shows when the image is closed.
+bool is_refused(uint64_t size) {
+    if (size <= kLargestFirmware) {
+        return false;
+    }
+    LOG("update: firmware of more than %llu bytes\n",
+        static_cast<unsigned long long>(kLargestFirmware));
+    return true;
+}
+
+// Before gigabytes are copied for nothing. What has no size, a device, shows it while it is copied.
+bool is_known_to_be_refused(FILE *firmware) {
+    struct stat status {};
+    return fstat(fileno(firmware), &status) == 0 &&
+           is_refused(static_cast<uint64_t>(status.st_size));
+}
+
+// False: the firmware cannot be read, or is larger than its head can say (logged); or it cannot be
+// written, which is logged when the image is closed.
 bool copy(FILE *from, FILE *to, Firmware &firmware) {
     uint8_t chunk[4096];
-    size_t n = fread(chunk, 1, sizeof chunk, from);
-    while (n > 0 && firmware.size + n <= kLargestFirmware) {
+    for (size_t n = fread(chunk, 1, sizeof chunk, from); n > 0;
+         n = fread(chunk, 1, sizeof chunk, from)) {
         firmware.checksum = std::accumulate(chunk, chunk + n, firmware.checksum);
         firmware.size += n;
-        (void)fwrite(chunk, 1, n, to);
-        n = fread(chunk, 1, sizeof chunk, from);
+        if (is_refused(firmware.size) || fwrite(chunk, 1, n, to) != n) {
+            return false;
+        }
     }
     if (ferror(from) != 0) {
         LOG("update: read firmware: %s\n", strerror(errno));
         return false;
     }
-    if (n > 0) {
-        LOG("update: firmware of more than %u bytes\n", static_cast<unsigned>(kLargestFirmware));
-        return false;
-    }
     return true;
 }
 
-void write_head(FILE *image, const Firmware &firmware) {
+// False: not written, which is logged when the image is closed.
+bool write_head(FILE *image, const Firmware &firmware) {
     uint8_t head[update::kHeadSize] = {};
     store_le(head, update::kFirmwareSize, static_cast<uint32_t>(firmware.size));
     store_le(head, update::kFirmwareChecksum, firmware.checksum);
-    (void)fseeko(image, 0, SEEK_SET); // unlike rewind it does not forget what failed before
-    (void)fwrite(head, sizeof head, 1, image); // a failure shows when the image is closed
+    return fseeko(image, 0, SEEK_SET) == 0 && fwrite(head, sizeof head, 1, image) == 1;
 }
 
 File opened(File file, const char *name) {
@@ -56,27 +75,45 @@ File opened(File file, const char *name) {
     return file;
 }
 
-bool fill(FILE *from, File image) {
+bool fill(FILE *from, FILE *image) {
     Firmware firmware;
     const uint8_t no_head[update::kHeadSize] = {}; // its place, until size and checksum are known
-    (void)fwrite(no_head, sizeof no_head, 1, image.get());
-    const bool is_copied = copy(from, image.get(), firmware);
-    if (is_copied) {
-        write_head(image.get(), firmware);
-        printf("temp file is deal over! ");
+    return fwrite(no_head, sizeof no_head, 1, image) == 1 && copy(from, image, firmware) &&
+           write_head(image, firmware);
+}
+
+// A part of a firmware is of no use to anybody, and the room that it takes may be missed elsewhere.
+void give_space_back() {
+    (void)open_output(update::kImageFile); // opening it for output empties it
+}
+
+bool make(FILE *firmware, File image) {
+    if (is_known_to_be_refused(firmware)) {
+        return false;
     }
-    return close_output(std::move(image), update::kImageFile) && is_copied;
+    const bool is_filled = fill(firmware, image.get());
+    if (close_output(std::move(image), update::kImageFile) && is_filled) {
+        return true;
+    }
+    give_space_back();
+    return false;
 }
 
 } // namespace
 
 Image make_image(const char *firmware_path) {
-    (void)update_temfile_creat(update::kImageFile); // its failure shows when the file is opened
+    // First, as it may be the temporary file of an older update, which is removed, under another
+    // name: what is open can still be read.
     const File firmware = opened(open_input(firmware_path), firmware_path);
+    (void)update_temfile_creat(update::kImageFile); // its failure shows when the file is opened
     File image = opened(open_output(update::kImageFile), update::kImageFile);
     if (firmware == nullptr || image == nullptr) {
         printf(" file open fail");
         return image == nullptr ? Image::kMissing : Image::kEmpty;
     }
-    return fill(firmware.get(), std::move(image)) ? Image::kWhole : Image::kBroken;
+    if (!make(firmware.get(), std::move(image))) {
+        return Image::kBroken;
+    }
+    printf("temp file is deal over! ");
+    return Image::kWhole;
 }

@@ -6,10 +6,13 @@ enum class Image {
     kWhole,
     kEmpty,   // the firmware could not be opened
     kMissing, // the temporary file could not be opened; an older one may be in its place
-    kBroken,  // reading or writing failed half-way (logged)
+    kBroken,  // the firmware is too large, or reading or writing failed half-way (logged)
 };
 
-/** Make the temporary file from a firmware file, telling on standard output how it goes. */
+/**
+ * Make the temporary file from a firmware file, telling on standard output how it goes. One that is
+ * not whole is left empty.
+ */
 Image make_image(const char *firmware_path);
 
 #endif

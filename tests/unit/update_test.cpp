@@ -321,19 +321,80 @@ TEST_F(Update, FailsWhenTheTemporaryFileIsCutShort) {
     EXPECT_EQ(card_calls(), first(transfer(image_of(firmware), 3, 0x01, 0x02), kFields + 1));
 }
 
-// A card must never get half a firmware.
+// No file of this process grows beyond so many bytes while it lives; its output, which goes to a
+// file too, has to fit.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) : before_(signal(SIGXFSZ, SIG_IGN)) {
+        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &unlimited_), 0);
+        const rlimit limited{.rlim_cur = bytes, .rlim_max = unlimited_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    }
+    ~FileSizeLimit() {
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &unlimited_), 0);
+        (void)signal(SIGXFSZ, before_);
+    }
+    FileSizeLimit(const FileSizeLimit &) = delete;
+    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
+
+private:
+    sighandler_t before_;
+    rlimit unlimited_{};
+};
+
+constexpr char kNotWritten[] = "|ap_msg: write '/home/updatebin.tmp': File too large\n";
+
+// A card must never get half a firmware, and half of one is not worth its room on the disk. The
+// limits strike in the first write, on the way, and in the last one.
 TEST_F(Update, SendsNothingWhenTheDiskIsFull) {
     const std::string path = file("fw.bin", test::pattern(20000));
-    const auto before = signal(SIGXFSZ, SIG_IGN);
-    rlimit unlimited{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &unlimited), 0);
-    const rlimit limited{.rlim_cur = 8192, .rlim_max = unlimited.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    for (const rlim_t limit : {1000U, 8192U, 20255U}) {
+        card_reset();
+        const FileSizeLimit full_disk(limit);
+        EXPECT_EQ(test::log_of([&] { result_ = sys_update(path.c_str(), 0x0102, 3); }),
+                  opening(20000) + kNotWritten);
+        EXPECT_EQ(result_, -1);
+        EXPECT_TRUE(card_calls().empty());
+        EXPECT_EQ(test::read_file(home_.path(kImage)), Bytes{}) << limit;
+    }
+    const FileSizeLimit enough(20256);
     (void)updated(path);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &unlimited), 0);
-    (void)signal(SIGXFSZ, before);
+    EXPECT_EQ(result_, 0);
+}
+
+// Read to its end, an endless firmware would be called too large.
+TEST_F(Update, StopsCopyingAtTheFirstFailedWrite) {
+    const std::string path = directory_.path("fw.bin");
+    std::filesystem::create_symlink("/dev/zero", path);
+    const FileSizeLimit full_disk(8192);
+    EXPECT_EQ(test::log_of([&] { result_ = sys_update(path.c_str(), 0x0102, 3); }),
+              opening(0) + kNotWritten);
     EXPECT_EQ(result_, -1);
     EXPECT_TRUE(card_calls().empty());
+}
+
+// With a head in front it would have one byte more than 32 bits can count. Copied, it would meet
+// the limit.
+TEST_F(Update, RefusesATooLargeFirmwareBeforeItIsCopied) {
+    const std::string path = file("fw.bin", {});
+    std::filesystem::resize_file(path, 0xFFFFFF00); // takes no room
+    const FileSizeLimit nothing_is_copied(1000);
+    EXPECT_EQ(test::log_of([&] { result_ = sys_update(path.c_str(), 0x0102, 3); }),
+              opening(0xFFFFFF00) + "|update: firmware of more than 4294967039 bytes\n");
+    EXPECT_EQ(result_, -1);
+    EXPECT_TRUE(card_calls().empty());
+    EXPECT_EQ(test::read_file(home_.path(kImage)), Bytes{});
+}
+
+// The temporary file of an older update is removed before a new one is made in its place.
+TEST_F(Update, TakesTheTemporaryFileUnderAnotherNameAsFirmware) {
+    const Bytes firmware = test::pattern(300);
+    (void)test::write_file(home_.path(kImage), firmware);
+    const std::string path = directory_.path("fw.bin");
+    std::filesystem::create_symlink(home_.path(kImage), path);
+    (void)updated(path);
+    EXPECT_EQ(result_, 0);
+    EXPECT_EQ(card_calls(), transfer(image_of(firmware), 3, 0x01, 0x02));
 }
 
 TEST_F(Update, SendsNothingWhenTheFirmwareCannotBeRead) {
@@ -343,6 +404,7 @@ TEST_F(Update, SendsNothingWhenTheFirmwareCannotBeRead) {
     EXPECT_TRUE(output.ends_with("|update: read firmware: Input/output error\n")) << output;
     EXPECT_EQ(result_, -1);
     EXPECT_TRUE(card_calls().empty());
+    EXPECT_EQ(test::read_file(home_.path(kImage)), Bytes{});
 }
 
 TEST_F(Update, KeepsNoFileOpen) {
