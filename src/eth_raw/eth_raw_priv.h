@@ -5,6 +5,8 @@
 #include "eth_raw/eth_raw.h"
 
 #include <chrono>
+#include <cstdint>
+#include <span>
 
 /** The header fields of one raw message. */
 struct RawMsgHeader {
@@ -29,6 +31,9 @@ constexpr std::chrono::microseconds kDeadLinkPause{10000};
 
 /** As RawSockMsgRecv, telling a dead link from a frame that is not for us. */
 Received raw_sock_recv(int index, RawMsgHeader &header, uint8_t *&payload);
+
+/** A frame with a reply's addresses and markers, whether intact or not. */
+bool is_from_card(std::span<const uint8_t> frame);
 
 /** The record of an index, or null: out of range. */
 eth_init *link_record(int index);

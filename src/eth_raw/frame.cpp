@@ -1,5 +1,6 @@
 #include "eth_raw/eth_raw.h"
 
+#include "eth_raw/eth_raw_priv.h"
 #include "eth_raw/frame_layout.h"
 #include "log/write.h"
 
@@ -21,15 +22,6 @@ bool has_address(const uint8_t *frame, Field field, std::span<const uint8_t> add
     return std::equal(address.begin(), address.end(), frame + field.offset);
 }
 
-// The only filter between the protocol's replies and other traffic on the interface.
-bool is_reply(std::span<const uint8_t> frame) {
-    return frame.size() >= reply::kSummedFrom &&
-           has_address(frame.data(), reply::kDestination, eth_raw_rx_header) &&
-           has_address(frame.data(), reply::kSource, eth_raw_tx_header) &&
-           load_le(frame.data(), reply::kMarker1) == kRequestMarker2 &&
-           load_le(frame.data(), reply::kMarker2) == kRequestMarker1;
-}
-
 // The checksum is always the last two bytes as received, also behind padding. A reply that claims
 // more than arrived is summed as far as it goes and refused whatever the sum says.
 bool is_intact(std::span<const uint8_t> frame, size_t payload_len) {
@@ -46,6 +38,15 @@ bool is_intact(std::span<const uint8_t> frame, size_t payload_len) {
 }
 
 } // namespace
+
+// The only filter between the protocol's replies and other traffic on the interface.
+bool is_from_card(std::span<const uint8_t> frame) {
+    return frame.size() >= reply::kSummedFrom &&
+           has_address(frame.data(), reply::kDestination, eth_raw_rx_header) &&
+           has_address(frame.data(), reply::kSource, eth_raw_tx_header) &&
+           load_le(frame.data(), reply::kMarker1) == kRequestMarker2 &&
+           load_le(frame.data(), reply::kMarker2) == kRequestMarker1;
+}
 
 uint32_t RawMsgHeaderPack(uint16_t model, uint8_t slot, uint8_t code, uint32_t addr, uint16_t seq,
                           uint8_t **buf, uint16_t len) {
@@ -76,7 +77,7 @@ uint8_t *RawMsgHeaderUnpack(const uint8_t *frame, uint32_t frame_len, uint8_t *a
                             uint8_t *slot, uint8_t *code, uint32_t *addr, uint16_t *seq,
                             uint16_t *len) {
     const std::span<const uint8_t> received(frame, frame_len);
-    if (!is_reply(received)) {
+    if (!is_from_card(received)) {
         return nullptr;
     }
     if (received.size() < reply::kHeaderSize + kChecksumSize) {

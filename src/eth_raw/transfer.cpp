@@ -2,6 +2,7 @@
 
 #include "eth_raw/eth_raw_priv.h"
 #include "eth_raw/frame_layout.h"
+#include "eth_raw/link_counts.h"
 #include "log/write.h"
 #include "mem/locks.h"
 #include "timer/sleep.h"
@@ -18,21 +19,37 @@ using namespace std::chrono_literals;
 
 constexpr auto kSendAgainPause = 1000us;
 
-ssize_t send_frame(const eth_init &link, const uint8_t *frame, uint32_t frame_len) {
-    return sendto(link.sock_fd, frame, frame_len, 0, reinterpret_cast<const sockaddr *>(&link.addr),
-                  sizeof link.addr);
+// Only frames that are no intact reply are looked at a second time.
+void count_received(int index, std::span<const uint8_t> frame, bool is_intact_reply) {
+    count(index, Count::kFramesReceived);
+    count(index, Count::kBytesReceived, frame.size());
+    if (is_intact_reply) {
+        count(index, Count::kReplies);
+    } else {
+        count(index, is_from_card(frame) ? Count::kChecksumErrors : Count::kForeignFrames);
+    }
+}
+
+ssize_t send_frame(int index, const eth_init &link, const uint8_t *frame, uint32_t frame_len) {
+    const ssize_t sent = sendto(link.sock_fd, frame, frame_len, 0,
+                                reinterpret_cast<const sockaddr *>(&link.addr), sizeof link.addr);
+    if (sent == static_cast<ssize_t>(frame_len)) {
+        count(index, Count::kFramesSent);
+        count(index, Count::kBytesSent, frame_len);
+    }
+    return sent;
 }
 
 // errno alone decides whether the frame goes out once more, not the result of the first send.
-ssize_t send_locked(eth_init &link, const uint8_t *frame, uint32_t frame_len) {
+ssize_t send_locked(int index, eth_init &link, const uint8_t *frame, uint32_t frame_len) {
     const CancelOff whole_frame; // sendto and the pause must not leave a locked lock behind
     const MutexGuard guard(link.send_lock);
     print_msg(frame, static_cast<int>(frame_len));
-    ssize_t sent = send_frame(link, frame, frame_len);
+    ssize_t sent = send_frame(index, link, frame, frame_len);
     if (errno == EAGAIN) {
         LOG("need send again\n");
         sleep_full(kSendAgainPause);
-        sent = send_frame(link, frame, frame_len);
+        sent = send_frame(index, link, frame, frame_len);
     }
     return sent;
 }
@@ -43,11 +60,12 @@ int transmit(int index, const uint8_t *frame, uint32_t frame_len) {
     if (link == nullptr || !link_is_open(*link)) {
         errno = link == nullptr ? ENODEV : EBADF;
     } else {
-        sent = send_locked(*link, frame, frame_len);
+        sent = send_locked(index, *link, frame, frame_len);
     }
     if (sent == static_cast<ssize_t>(frame_len)) {
         return static_cast<int>(frame_len);
     }
+    count(index, Count::kSendErrors);
     perror("sendto fail:");
     return -1;
 }
@@ -80,11 +98,13 @@ Received raw_sock_recv(int index, RawMsgHeader &header, uint8_t *&payload) {
         recvfrom(link->sock_fd, gRecvBuffer, sizeof gRecvBuffer, 0, nullptr, nullptr);
     print_msg(gRecvBuffer, static_cast<int>(size));
     if (size < 0) {
+        count(index, Count::kReceiveErrors);
         return Received::kNothing;
     }
     payload =
         RawMsgHeaderUnpack(gRecvBuffer, static_cast<uint32_t>(size), &header.ack, &header.model,
                            &header.slot, &header.code, &header.addr, &header.seq, &header.len);
+    count_received(index, {gRecvBuffer, static_cast<size_t>(size)}, payload != nullptr);
     return payload != nullptr ? Received::kReply : Received::kRefused;
 }
 

@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <numeric>
 
 namespace {
 
@@ -16,11 +17,13 @@ constexpr std::array<uint32_t, 8> mem_type{64, 128, 256, 512, 1024, 2048, 4096, 
 struct FreeList {
     mem_block *head;
     mem_block *tail; // meaningless while head is null
+    uint64_t length;
 };
 
 pthread_mutex_t mutex_mem = PTHREAD_MUTEX_INITIALIZER; // guards mem_list; leaf
 std::array<FreeList, mem_type.size()> mem_list;
 std::atomic<int64_t> g_handed_out{0};
+std::atomic<uint64_t> g_failed{0};
 
 bool is_class(int64_t type) {
     return type >= 0 && type < static_cast<int64_t>(mem_type.size());
@@ -34,12 +37,14 @@ void append_locked(FreeList &list, mem_block *block) {
         list.tail->next = block;
     }
     list.tail = block;
+    list.length += 1;
 }
 
 mem_block *take_locked(FreeList &list) {
     mem_block *block = list.head;
     if (block != nullptr) {
         list.head = block->next;
+        list.length -= 1;
     }
     return block;
 }
@@ -73,6 +78,7 @@ void *mem_alloc(uint32_t size) {
     if (block == nullptr) {
         block = static_cast<mem_block *>(std::malloc(sizeof(mem_block) + *chosen));
         if (block == nullptr) {
+            g_failed.fetch_add(1, std::memory_order_relaxed);
             return nullptr;
         }
     }
@@ -128,4 +134,14 @@ int mem_uinit(void) {
 
 int64_t mem_handed_out() {
     return g_handed_out.load(std::memory_order_relaxed);
+}
+
+uint64_t mem_waiting() {
+    const MutexGuard guard(mutex_mem);
+    return std::accumulate(mem_list.begin(), mem_list.end(), uint64_t{0},
+                           [](uint64_t sum, const FreeList &list) { return sum + list.length; });
+}
+
+uint64_t mem_failed() {
+    return g_failed.load(std::memory_order_relaxed);
 }

@@ -1,4 +1,4 @@
-// mem_priv.h - how many blocks are out, for tests and debug dumps.
+// mem_priv.h - how many blocks there are, for tests and counters.
 #ifndef MEM_MEM_PRIV_H
 #define MEM_MEM_PRIV_H
 
@@ -6,5 +6,11 @@
 
 /** Blocks handed out by mem_alloc and not yet given back, over the life of the process. */
 int64_t mem_handed_out();
+
+/** Free blocks that wait to be handed out again. */
+uint64_t mem_waiting();
+
+/** Blocks that mem_alloc could not hand out, as the system had no memory. */
+uint64_t mem_failed();
 
 #endif

@@ -263,15 +263,7 @@ int queue_find(int i, int j, uint32_t addr, uint32_t ack, uint16_t seq, uint32_t
     if (!queue_is_valid(i, j)) {
         return -1;
     }
-    RawMsgQueueNode *record = hold_match(i, j, addr, seq, ack, recv_len);
-    if (record == nullptr) {
-        return 0;
-    }
-    const Held held(i, j, record);
-    const MutexGuard guard(mutex_find);
-    if (callback != nullptr) {
-        callback(record, data, recv_len);
-    }
+    (void)queue_offer(i, j, addr, ack, seq, recv_len, callback, data); // 0, found or not
     return 0;
 }
 
@@ -328,6 +320,28 @@ void *queue_del_buf(int i, int j, uint8_t *buf) {
 
 bool queue_is_valid(int i, int j) {
     return i >= 0 && i < kQueueInterfaces && j >= 0 && j < kQueueKinds;
+}
+
+bool queue_offer(int i, int j, uint32_t addr, uint32_t ack, uint16_t seq, uint32_t recv_len,
+                 queue_callback callback, void *data) {
+    if (!queue_is_valid(i, j)) {
+        return false;
+    }
+    RawMsgQueueNode *record = hold_match(i, j, addr, seq, ack, recv_len);
+    if (record == nullptr) {
+        return false;
+    }
+    const Held held(i, j, record);
+    const MutexGuard guard(mutex_find);
+    if (callback != nullptr) {
+        callback(record, data, recv_len);
+    }
+    return true;
+}
+
+int32_t queue_depth(int i, int j) {
+    const MutexGuard guard(mtx[i][j]);
+    return Qcount[i][j];
 }
 
 void queue_timer_start(int i, int j, RawMsgQueueNode *record, uint16_t ticks) {

@@ -17,6 +17,13 @@ constexpr uint32_t kNoReply = 255; // ack of a request that nobody has answered
 
 bool queue_is_valid(int i, int j);
 
+/** As queue_find. Returns whether a record took the reply. */
+bool queue_offer(int i, int j, uint32_t addr, uint32_t ack, uint16_t seq, uint32_t recv_len,
+                 queue_callback callback, void *data);
+
+/** The number of requests in a queue. Below zero when hosts deleted what was not in it. */
+int32_t queue_depth(int i, int j);
+
 /** Start the record's timer, unless the request has ended meanwhile. */
 void queue_timer_start(int i, int j, RawMsgQueueNode *record, uint16_t ticks);
 

@@ -3,6 +3,7 @@
 
 #include "eth_raw/eth_raw.h"
 #include "eth_raw/frame_layout.h"
+#include "eth_raw/link_counts.h"
 #include "log/write.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg_priv.h"
@@ -28,10 +29,24 @@ int interface_of(const RawMsgQueueNode *record) {
     return static_cast<int>(record->index);
 }
 
+void count_outcome(const RawMsgQueueNode *record, bool is_reply) {
+    if (!is_reply) {
+        count(interface_of(record), Count::kTimeouts);
+    } else if (is_refusal(record)) {
+        count(interface_of(record), Count::kRefusals);
+    }
+}
+
+void count_end_without_answer(const RawMsgQueueNode *record) {
+    count(interface_of(record), Count::kUnanswered);
+}
+
+// A failed resend is a lost frame: the timer runs.
 void send_again(RawMsgQueueNode *record, int queue) {
     record->ack = kNoReply;
-    (void)RawSockMsgSendAgain(interface_of(record), record->buf,
-                              record->send_len); // a failed resend is a lost frame: the timer runs
+    if (RawSockMsgSendAgain(interface_of(record), record->buf, record->send_len) > 0) {
+        count(interface_of(record), Count::kResends);
+    }
     queue_timer_start(interface_of(record), queue, record, kResendTicks);
 }
 
@@ -79,6 +94,7 @@ void set_read_dump(ReadDump dump) {
 
 void AckCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
     const bool is_reply = data != nullptr;
+    count_outcome(record, is_reply);
     if (is_reply && record->ack == kCarriedOut) {
         finish(record, ACK_QUEUE);
     } else if (is_reply && is_refusal(record)) {
@@ -88,6 +104,7 @@ void AckCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
     } else if (!is_reply && record->count > kLastResend) {
         LOG("wrong ack (0x%x), send msg count (%d), not send again!\n", record->ack,
             static_cast<int>(record->count));
+        count_end_without_answer(record);
         finish(record, ACK_QUEUE);
     } else if (!is_reply) {
         LOG("no ack msg (0x%x), send msg again (%d)!\n", record->ack,
@@ -98,6 +115,7 @@ void AckCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
 
 void ReadCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
     const bool is_reply = data != nullptr;
+    count_outcome(record, is_reply);
     if (is_reply && record->ack == kCarriedOut && record->recv_len != 0) {
         copy_read_data(record, data);
         show_read_data(record);
@@ -107,6 +125,7 @@ void ReadCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
             static_cast<int>(record->count));
         send_again(record, READ_QUEUE);
     } else if (!is_reply && record->count > kLastResend) {
+        count_end_without_answer(record);
         finish(record, READ_QUEUE);
     } else if (!is_reply) {
         LOG("no ack msg (0x%x), send msg again (%d)!\n", record->ack,
@@ -117,6 +136,7 @@ void ReadCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
 
 void AckWaitCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
     const bool is_reply = data != nullptr;
+    count_outcome(record, is_reply);
     if (is_reply && record->ack == kCarriedOut) {
         stop_and_wake(record, ACK_WAIT_QUEUE);
     } else if (is_reply && is_refusal(record)) {
@@ -124,12 +144,14 @@ void AckWaitCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/
         stop_and_wake(record, ACK_WAIT_QUEUE);
     } else if (!is_reply && record->count >= kLastTimeOut) {
         LOG("no ack msg (0x%x) write error!\n", record->ack);
+        count_end_without_answer(record);
         stop_and_wake(record, ACK_WAIT_QUEUE);
     }
 }
 
 void ReadWaitCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
     const bool is_reply = data != nullptr;
+    count_outcome(record, is_reply);
     if (record->ack == kCarriedOut && is_reply && record->recv_len != 0) {
         copy_read_data(record, data);
         stop_and_wake(record, READ_WAIT_QUEUE);
@@ -143,6 +165,7 @@ void ReadWaitCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*
     } else if (!is_reply && record->count >= kLastTimeOut) {
         record->recv_len = 0;
         LOG("no resp msg (0x%x) read error no msg!\n", record->ack);
+        count_end_without_answer(record);
         stop_and_wake(record, READ_WAIT_QUEUE);
     }
 }

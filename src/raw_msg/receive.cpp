@@ -2,31 +2,51 @@
 
 #include "eth_raw/eth_raw_priv.h"
 #include "eth_raw/frame_layout.h"
+#include "eth_raw/link_counts.h"
 #include "log/write.h"
 #include "mem/locks.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg_priv.h"
 #include "timer/sleep.h"
 
+#include <span>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
-void dispatch_reply(int index, const RawMsgHeader &header, uint8_t *payload) {
-    const MutexGuard guard(find_check_lock(index));
-    switch (header.code) {
+struct Taker {
+    int queue;
+    queue_callback complete;
+};
+
+// Each form numbers its requests apart from the others, so a reply may fit one of either form.
+constexpr Taker kWriteTakers[] = {{ACK_QUEUE, AckCompleteMsg},
+                                  {ACK_WAIT_QUEUE, AckWaitCompleteMsg}};
+constexpr Taker kReadTakers[] = {{READ_QUEUE, ReadCompleteMsg},
+                                 {READ_WAIT_QUEUE, ReadWaitCompleteMsg}};
+
+std::span<const Taker> takers_of(uint8_t code) {
+    switch (code) {
     case RAW_MSG_CODE_WRITE_ACK:
     case RAW_MSG_CODE_ACK:
-        AckRawMsg(index, header.addr, header.ack, header.seq, header.len, payload);
-        AckWaitRawMsg(index, header.addr, header.ack, header.seq, header.len, payload);
-        break;
+        return kWriteTakers;
     case RAW_MSG_CODE_READ:
-        ReadRawMsg(index, header.addr, header.ack, header.seq, header.len, payload);
-        ReadWaitRawMsg(index, header.addr, header.ack, header.seq, header.len, payload);
-        break;
+        return kReadTakers;
     default: // no request of ours has such an answer
-        break;
+        return {};
+    }
+}
+
+void dispatch_reply(int index, const RawMsgHeader &header, uint8_t *payload) {
+    const MutexGuard guard(find_check_lock(index));
+    bool is_taken = false;
+    for (const Taker &taker : takers_of(header.code)) {
+        is_taken |= queue_offer(index, taker.queue, header.addr, header.ack, header.seq, header.len,
+                                taker.complete, payload);
+    }
+    if (!is_taken) {
+        count(index, Count::kUnmatchedReplies);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "raw_msg/request.h"
 
 #include "eth_raw/eth_raw.h"
+#include "eth_raw/link_counts.h"
 #include "log/write.h"
 #include "mem/locks.h"
 #include "mem/mem.h"
@@ -36,6 +37,7 @@ int add_or_make_room(const RequestKind &kind, int index, RawMsgQueueNode *record
         return 0;
     }
     LOG("queue_add fail again after 1ms, empty queue and send again\n");
+    count(index, Count::kOverflows);
     queue_drain(index, kind.queue, record, post_test);
     if (queue_add(index, kind.queue, record) == 0) {
         return 0;

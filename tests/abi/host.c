@@ -6,6 +6,7 @@
 #include "main/main.h"
 #include "mem/mem.h"
 #include "queue/queue.h"
+#include "raw_msg/counters.h"
 #include "raw_msg/raw_msg.h"
 #include "timer/timer.h"
 
@@ -92,6 +93,15 @@ static int (*const g_ptoc)(void) = ptoc;
 static void (*const g_read_reg)(int, uint16_t, uint8_t, uint32_t, uint32_t) = read_reg;
 static void (*const g_write_reg)(int, uint16_t, uint8_t, uint32_t) = write_reg;
 
+/* Two records were queued and one frame was packed, but nothing was sent. */
+static void read_counters(void) {
+    ruk_counter_set counters;
+    counters.size = sizeof counters;
+    CHECK(ruk_counters(&counters) == 0 && counters.size == sizeof counters);
+    CHECK(counters.frames_sent[0] == 0 && counters.queued[1][READ_WAIT_QUEUE] == 0);
+    CHECK(counters.pool_in_use == 0 && counters.pool_free == 2);
+}
+
 static void handle_signals(void) {
     signal_handler before = SIG_IGN;
     (void)signal(SIGHUP, SIG_DFL); /* whoever started the test may ignore it */
@@ -111,6 +121,7 @@ int main(void) {
     pack_a_frame();
     refuse_a_block();
     queue_a_request();
+    read_counters();
     handle_signals();
     CHECK(sem_init(&sem_test, 0, 0) == 0);
     post_test();

@@ -6,6 +6,7 @@
 #include "eth_raw/eth_raw.h"
 #include "mem/mem.h"
 #include "queue/queue.h"
+#include "raw_msg/counters.h"
 #include "timer/timer.h"
 
 #include <stddef.h>
@@ -101,6 +102,33 @@ _Static_assert(sizeof(MEMBER(eth_init, name)) == 20, "eth_init.name has another 
 _Static_assert(sizeof(eth_init) < offsetof(eth_init, send_lock) + sizeof(pthread_mutex_t) + 8,
                "eth_init has more fields");
 _Static_assert(MAX_ETH == 3, "another number of interfaces");
+
+/* The same on all targets; fields are only ever added behind these. */
+AT(ruk_counter_set, size, 0, 0);
+AT(ruk_counter_set, reserved, 4, 4);
+AT(ruk_counter_set, frames_sent, 8, 8);
+AT(ruk_counter_set, bytes_sent, 32, 32);
+AT(ruk_counter_set, send_errors, 56, 56);
+AT(ruk_counter_set, resends, 80, 80);
+AT(ruk_counter_set, timeouts, 104, 104);
+AT(ruk_counter_set, unanswered, 128, 128);
+AT(ruk_counter_set, queue_overflows, 152, 152);
+AT(ruk_counter_set, frames_received, 176, 176);
+AT(ruk_counter_set, bytes_received, 200, 200);
+AT(ruk_counter_set, receive_errors, 224, 224);
+AT(ruk_counter_set, foreign_frames, 248, 248);
+AT(ruk_counter_set, checksum_errors, 272, 272);
+AT(ruk_counter_set, replies, 296, 296);
+AT(ruk_counter_set, unmatched_replies, 320, 320);
+AT(ruk_counter_set, refusals, 344, 344);
+AT(ruk_counter_set, queued, 368, 368);
+AT(ruk_counter_set, pool_in_use, 464, 464);
+AT(ruk_counter_set, pool_free, 472, 472);
+AT(ruk_counter_set, pool_failed, 480, 480);
+SIZE(ruk_counter_set, 488, 488);
+IS_TYPE(ruk_counter_set, size, uint32_t);
+IS_TYPE(ruk_counter_set, pool_in_use, uint64_t);
+_Static_assert(RUK_COUNTED_LINKS == 3 && RUK_COUNTED_QUEUES == 4, "another number of counters");
 
 int main(void) {
     return puts("layout: compiled, so it holds") == EOF;
