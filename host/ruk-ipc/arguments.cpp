@@ -2,6 +2,7 @@
 
 #include "ap_msg/message_layout.h"
 #include "numbers.h"
+#include "picture.h"
 #include "request.h"
 
 #include <cerrno>
@@ -277,6 +278,9 @@ std::string parse_arguments(std::span<const char *const> words, Arguments &out) 
     }
     if (wrong.empty()) {
         wrong = check_file_name(out);
+    }
+    if (wrong.empty()) {
+        wrong = check_picture_size(*out.command, out.width, out.height);
     }
     if (wrong.empty()) {
         wrong = check_range(*out.command, out.addr, out.len + out.bytes.size());

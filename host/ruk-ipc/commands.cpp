@@ -111,8 +111,10 @@ constexpr CommandRow kCommands[] = {
      .has_input = true,
      .has_output = false,
      .synopsis = "write-ack ADDR BYTE... | write-ack ADDR --input FILE",
-     .meaning = "write bytes and wait until the card has acknowledged them; to slot 1, model 0,\n"
-                "      addresses below 10000000 the service writes without acknowledgement"},
+     .meaning =
+         "write bytes and wait until the card has answered, be it with a refusal, which\n"
+         "      stands in the log of rukd only; to slot 1, model 0, addresses below 10000000\n"
+         "      the service writes without acknowledgement"},
     {.word = "put-picture",
      .code = message::kCodePutPicture,
      .reply = ReplyKind::kNone,

@@ -10,7 +10,7 @@ namespace {
 constexpr const char *kIntroduction = R"(Usage: ruk-ipc [OPTION]... COMMAND [ARGUMENT]...
 
 Ask the request service of this board (rukd) to read and write the registers and the memory of an
-FPGA card, and tell by the exit status whether it was done.
+FPGA card, and tell by the exit status what is known of it.
 
 Commands:
 )";
@@ -32,10 +32,12 @@ Environment:
   APCARD_SLOT  slot of the card that this runs on (0); the same as the service's
 
 Exit status:
-  0  done, or handed over where the service sends no reply
-  1  the card or the service refused, or a file or the result could not be read or written
+  0  done; of write-ack: the card has answered, whatever it said; of write, put-picture and
+     get-picture: handed over, as the service sends no reply
+  1  the service reports a failure: the card did not answer or refused; or a file or the result
+     could not be read or written
   2  wrong argument
-  3  no answer, or no service
+  3  no service there, or it did not answer
 
 Examples:
   ruk-ipc --slot 3 read 7040 16

@@ -3,6 +3,7 @@
 #include "ap_msg/message_layout.h"
 #include "exchange.h"
 #include "files.h"
+#include "picture.h"
 #include "reply.h"
 
 #include <unistd.h>
@@ -28,6 +29,7 @@ struct StatusRow {
 };
 constexpr StatusRow kStatuses[] = {
     {Status::kOk, 0, "ok"},
+    {Status::kAnswered, 0, "answered"},
     {Status::kHandedOver, 0, "handed-over"},
     {Status::kDryRun, 0, "dry-run"},
     {Status::kRefused, 1, "refused"},
@@ -62,13 +64,24 @@ bool fail(Outcome &outcome, Status status, std::string message) {
     return false;
 }
 
+const char *what_was_done(Status status) {
+    switch (status) {
+    case Status::kAnswered:
+        return "answered";
+    case Status::kHandedOver:
+        return "handed over";
+    default:
+        return "read";
+    }
+}
+
 // Of a transfer in pieces: how far it got.
 std::string progress(const Outcome &outcome) {
     if (outcome.done == 0 || outcome.done == outcome.total) {
         return {};
     }
     return "; the first " + std::to_string(outcome.done) + " of " + std::to_string(outcome.total) +
-           " bytes were done before";
+           " bytes were " + what_was_done(outcome.status) + " before";
 }
 
 std::string refusal(const Arguments &arguments, uint32_t result) {
@@ -77,8 +90,12 @@ std::string refusal(const Arguments &arguments, uint32_t result) {
                " of the programming tool";
     }
     if (arguments.command->reply == ReplyKind::kUpdate) {
-        return "the service reports a failure (result -1): the file is missing there, or the card "
-               "did not take it; look at the log of rukd";
+        return "the service reports a failure (result -1): the file is missing there or cannot be "
+               "copied, or the card did not take it; look at the log of rukd";
+    }
+    if (arguments.command->reply == ReplyKind::kHeader && result == kServiceFailed) {
+        return "the service reports a failure (result -1): no answer from the card within its "
+               "time, or nothing could be sent; the card may have been written to all the same";
     }
     if (result == kServiceFailed) {
         return "the service reports a failure (result -1): no answer from the card within its "
@@ -97,7 +114,7 @@ std::string silence(const Answer &answer, uint32_t timeout_ms) {
         text += "; receiving failed with errno " + std::to_string(answer.receive_error);
     }
     return text + ". Look at: is rukd running and not busy with another request, what does its log "
-                  "say of this one, is the link to the card up";
+                  "say of this one. A card that does not answer is no reason: rukd would say so";
 }
 
 bool take_reply(const Arguments &arguments, const Request &request, const Reply &reply,
@@ -117,6 +134,8 @@ bool take_reply(const Arguments &arguments, const Request &request, const Reply 
         outcome.data.insert(outcome.data.end(), data.begin(), data.end());
     } else if (request.reply == ReplyKind::kGreeting) {
         outcome.greeting = greeting_of(reply);
+    } else if (request.reply == ReplyKind::kHeader && outcome.status != Status::kHandedOver) {
+        outcome.status = Status::kAnswered;
     }
     return true;
 }
@@ -187,11 +206,11 @@ bool gather_input(const Arguments &arguments, std::vector<uint8_t> &bytes, Outco
 
 // The service would only log it, and nobody would learn that nothing happens.
 bool check_picture(const Arguments &arguments, Outcome &outcome) {
-    if (arguments.command->code != message::kCodePutPicture || arguments.dry_run ||
-        access(arguments.file.c_str(), F_OK) == 0) {
+    if (arguments.command->code != message::kCodePutPicture || arguments.dry_run) {
         return true;
     }
-    return fail(outcome, Status::kFailed, "put-picture: no file '" + arguments.file + "'");
+    const std::string wrong = check_picture_file(arguments.file, arguments.width, arguments.height);
+    return wrong.empty() || fail(outcome, Status::kFailed, "put-picture: " + wrong);
 }
 
 bool is_sent_by_service(const std::string &file) {
@@ -223,7 +242,7 @@ std::string success_note(const Arguments &arguments, const Outcome &outcome) {
         return outcome.status == Status::kHandedOver
                    ? "not acknowledged: to slot 1, model 0, addresses below 0x10000000 the service "
                      "writes without acknowledgement"
-                   : "";
+                   : "whether it did as it was told stands in the log of rukd only";
     case message::kCodePutPicture:
         return "the service sends no reply; look at its log";
     case message::kCodeGetPicture:

@@ -14,6 +14,7 @@ namespace ipc {
 
 enum class Status : uint8_t {
     kOk,         // the service says that it was done
+    kAnswered,   // the card answered; what, the service never says
     kHandedOver, // sent; the service never says what became of it
     kDryRun,     // shown, not sent
     kRefused,    // the card or the service said no
@@ -35,7 +36,7 @@ struct Outcome {
     std::optional<uint16_t> seq;    // of the last request that was sent
     uint32_t requests = 0;          // sent
     uint32_t total = 0;             // bytes to read or write
-    uint32_t done = 0;              // bytes read, acknowledged or handed over
+    uint32_t done = 0;              // bytes read, answered or handed over
     std::vector<uint8_t> data;      // bytes read
     std::string greeting;
     std::vector<Request> dry_run; // what would have been sent

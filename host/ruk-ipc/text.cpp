@@ -40,9 +40,20 @@ std::string printable(const std::string &text) {
     return shown;
 }
 
+const char *ending(Status status) {
+    switch (status) {
+    case Status::kAnswered:
+        return ": the card has answered";
+    case Status::kHandedOver:
+        return ": handed over";
+    default:
+        return ": done";
+    }
+}
+
 void print_done(const Arguments &arguments, const Outcome &outcome) {
     std::string line = describe(arguments, arguments.addr, outcome.total);
-    line += outcome.status == Status::kOk ? ": done" : ": handed over";
+    line += ending(outcome.status);
     if (!arguments.output.empty()) {
         line += ", saved in " + arguments.output;
     } else if (!outcome.message.empty()) {

@@ -37,6 +37,7 @@ static_assert(tiles(kFields, kHeaderSize), "gap or overlap in the BMP header");
 constexpr uint32_t kMagicValue = 0x4D42; // "BM"
 constexpr uint32_t kInfoHeaderSize = 40;
 constexpr uint32_t kDepth = 32;
+constexpr uint32_t kLargestImage = 0xFFFFFFFF - kHeaderSize; // bytes, for the sake of kFileSize
 } // namespace bmp
 
 #endif

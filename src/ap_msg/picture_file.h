@@ -10,6 +10,8 @@
 enum class PictureFormat { kBmp, kText, kOther };
 PictureFormat picture_format(std::string_view name);
 
+constexpr uint32_t kPortPixelSize = 3; // bytes of the picture port: blue, green, red
+
 struct PictureFile {
     HeapBytes bytes;
     uint64_t size = 0;

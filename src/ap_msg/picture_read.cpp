@@ -30,7 +30,7 @@ struct Picture {
 };
 
 bool get_memory(Picture &picture) {
-    if (picture.size() > std::numeric_limits<uint32_t>::max() - bmp::kHeaderSize) {
+    if (picture.size() > bmp::kLargestImage) {
         LOG("ap_msg: read picture: %u x %u pixels are more than a BMP file can hold\n", picture.hor,
             picture.ver);
         return false;

@@ -16,7 +16,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kControlRegister = 0x7040;
 constexpr uint32_t kPixelRegister = 0x40000;
-constexpr uint32_t kPixelSize = 3; // bytes: blue, green, red
 constexpr int32_t kControlTicks = 3;
 
 // The record of the control register. Its first byte alone starts and stops.
@@ -65,7 +64,7 @@ int DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t addr, uint16_t h
     store_le(record, kHeight, ver);
     control(card, record, sizeof record);
     run(card, kStart);
-    send_pixels(card, pixels, bytes_of(hor, ver, kPixelSize));
+    send_pixels(card, pixels, bytes_of(hor, ver, kPortPixelSize));
     run(card, kStop);
     return 0;
 }
@@ -80,7 +79,7 @@ int error_code(PictureError error) {
 uint64_t pixel_bytes(int hor, int ver) {
     return hor < 0 || ver < 0
                ? std::numeric_limits<uint64_t>::max()
-               : bytes_of(static_cast<uint64_t>(hor), static_cast<uint64_t>(ver), kPixelSize);
+               : bytes_of(static_cast<uint64_t>(hor), static_cast<uint64_t>(ver), kPortPixelSize);
 }
 
 } // namespace

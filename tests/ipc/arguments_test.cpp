@@ -56,6 +56,10 @@ const Wrong kWrong[] = {
     {{"put-picture", "0", "0", "1", "f"}, "put-picture: WIDTH '0': not 1 to 65535"},
     {{"get-picture", "0", "1", "65536", "f"}, "get-picture: HEIGHT '65536': not 1 to 65535"},
     {{"get-picture", "0", "1", "1", ""}, "get-picture: FILE '': not a file name"},
+    {{"get-picture", "0", "23817", "45083", "/f"},
+     "get-picture: 23817 x 45083 pixels are more than a BMP file can hold"},
+    {{"get-picture", "0", "65535", "65535", "/f"},
+     "get-picture: 65535 x 65535 pixels are more than a BMP file can hold"},
     {{"update", "100000000", "f"}, "update: KIND '100000000': not 0 to ffffffff, hexadecimal"},
     {{"update", "16"}, "update: FILE is missing: update KIND FILE"},
     {{"hello", "a", "b"}, "hello: 'b' is one argument too many: hello [TEXT]"},
@@ -159,6 +163,15 @@ TEST(Arguments, MakeFileNamesAbsolute) {
     EXPECT_EQ(arguments.file, std::string(here) + "/p.bmp");
     ASSERT_EQ(ipc::parse_arguments(Words{"put-picture", "0", "1", "1", "/p.bmp"}, arguments), "");
     EXPECT_EQ(arguments.file, "/p.bmp");
+}
+
+// These fill it to its last pixel. What is put is limited by its file alone.
+TEST(Arguments, LimitPicturesToWhatABmpFileHolds) {
+    Arguments arguments;
+    EXPECT_EQ(ipc::parse_arguments(Words{"get-picture", "0", "46654", "23015", "/f"}, arguments),
+              "");
+    EXPECT_EQ(ipc::parse_arguments(Words{"put-picture", "0", "65535", "65535", "/f"}, arguments),
+              "");
 }
 
 TEST(Arguments, LimitFileNamesToWhatTheServiceKeeps) {

@@ -154,7 +154,7 @@ TEST_F(Files, InputIsWrittenUpToTheFirstPieceThatIsRefused) {
     const auto run = run_client({"--slot", "2", "write-ack", "0", "--input", path("i")});
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(contains(run.err, "write-ack of 1400 bytes at 0x00000578")) << run.err;
-    EXPECT_TRUE(contains(run.err, "the first 1400 of 4000 bytes were done before")) << run.err;
+    EXPECT_TRUE(contains(run.err, "the first 1400 of 4000 bytes were answered before")) << run.err;
     EXPECT_EQ(run_client({"hello"}).status, 0);
     EXPECT_EQ(service.received(3).size(), 3U); // two pieces and the greeting
 }
@@ -202,6 +202,46 @@ TEST_F(Files, OfPicturesMustBeThere) {
     const auto run = run_client({"put-picture", "0", "1", "1", path("none.bmp")});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err, "ruk-ipc: put-picture: no file '" + path("none.bmp") + "'\n");
+}
+
+// The service would log it and send no reply.
+TEST_F(Files, OfPicturesMustHoldThem) {
+    const Service service(test::do_nothing);
+    struct Case {
+        const char *name;
+        std::string content;
+        std::string complaint; // none: it is handed over
+    };
+    const std::string head = std::string("BM").append(8, 0) + std::string("\x10\0\0\0", 4);
+    for (const Case &c :
+         {Case{"p.txt", std::string(12, 'p'), ""},
+          Case{"p.txt", std::string(11, 'p'),
+               "has 11 bytes, 2 x 2 pixels from its byte 0 on need "
+               "12"},
+          Case{"p.BMP", std::string(12, 'p'), ""},
+          Case{"p.bmp", head + std::string(2 + 12, 'p'), ""},
+          Case{"p.bmp", head + std::string(1 + 12, 'p'),
+               "has 27 bytes, 2 x 2 pixels from its byte 16 on need 28"},
+          Case{"p.bmp", "BM", "has 2 bytes, 2 x 2 pixels from its byte 14 on need 26"}}) {
+        make_file(path(c.name), c.content);
+        const auto run = run_client({"put-picture", "0", "2", "2", path(c.name)});
+        EXPECT_EQ(run.status, c.complaint.empty() ? 0 : 1) << run.err;
+        EXPECT_EQ(run.err, c.complaint.empty() ? ""
+                                               : "ruk-ipc: put-picture: '" + path(c.name) + "' " +
+                                                     c.complaint + "\n");
+    }
+    EXPECT_EQ(run_client({"hello", "--timeout", "1"}).status, 3);
+    EXPECT_EQ(service.received(4).size(), 4U); // the three that fit, and the greeting
+}
+
+TEST_F(Files, OfPicturesAreNoPipesAndNoDirectories) {
+    ASSERT_EQ(mkfifo(path("p.bmp").c_str(), 0600), 0);
+    for (const std::string &name : {path("p.bmp"), root_.string()}) {
+        const auto run = run_client({"put-picture", "0", "1", "1", name});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.err,
+                  "ruk-ipc: put-picture: '" + name + "' is a pipe or a directory, not a file\n");
+    }
 }
 
 } // namespace

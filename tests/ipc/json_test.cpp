@@ -70,18 +70,18 @@ TEST_F(Json, TellsOfARead) {
 
 TEST_F(Json, TellsOfEverythingElseThatWentWell) {
     const Service service(test::answer_well);
-    test::make_file(path("p.bmp"), "BM");
+    test::make_file(path("p.txt"), std::string(18, 0));
     struct Row {
         test::Words words;
         std::string status;
         const char *member;
         std::string value;
     };
-    const std::string picture = path("p.bmp");
+    const std::string picture = path("p.txt");
     for (const Row &row :
          {Row{{"--slot", "2", "read", "0", "1401"}, "\"ok\"", "requests", "2"},
           Row{{"write", "0", "1", "2"}, "\"handed-over\"", "done", "2"},
-          Row{{"--slot", "2", "write-ack", "0", "1", "2"}, "\"ok\"", "done", "2"},
+          Row{{"--slot", "2", "write-ack", "0", "1", "2"}, "\"answered\"", "done", "2"},
           Row{{"write-ack", "0", "1"}, "\"handed-over\"", "done", "1"},
           Row{{"put-picture", "0", "3", "2", picture},
               "\"handed-over\"",
