@@ -7,6 +7,8 @@
 
 #include "eth_raw/frame_layout.h"
 
+#include <array>
+
 namespace message {
 constexpr Field kAptid{0, 4}; // sender: slot << 24 | 0x0A << 16 | module << 8
 constexpr Field kReserved{4, 4};
@@ -54,6 +56,20 @@ constexpr uint8_t kOwnModuleId = 0x3B;
 constexpr uint32_t kTestModule = 0xA3A00;
 constexpr uint32_t kPeerModule = 0xA3C00; // its acknowledged writes are never sent as plain ones
 constexpr uint32_t kSlotShift = 24;
+
+// The units that modules of the board list, for each family of cards: four and an end record. The
+// service needs none of them; they are here for what is built with this header.
+using Unit = std::array<uint32_t, 4>;
+constexpr uint32_t kLastUnit = 0xFFFFFFFF; // first word of the end record
+constexpr Unit kFirstFamilyUnits[] = {
+    {3, 8, 0x3A1D0, 0}, {3, 8, 0x3A1D0, 0},   {3, 8, 0x3A1D0, 0},
+    {3, 8, 0x3A1D0, 0}, {kLastUnit, 0, 0, 0},
+};
+constexpr Unit kSecondFamilyUnits[] = {
+    {3, 8, 0x3A1D0, 0}, {3, 8, 0x3A1D0, 0},   {3, 8, 0x3A1D0, 0},
+    {3, 8, 0x3A1D0, 0}, {kLastUnit, 0, 0, 0},
+};
+static_assert(sizeof kFirstFamilyUnits == 80 && sizeof kSecondFamilyUnits == 80);
 
 // Request codes.
 constexpr uint8_t kCodeRead = 0x00;

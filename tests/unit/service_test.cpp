@@ -181,6 +181,21 @@ TEST_F(Service, AnswersUnderTheAddressOfItsSlot) {
     }
 }
 
+// As a module that is built with the header walks through them.
+TEST_F(Service, ListsFourUnitsOfEachCardFamily) {
+    for (const std::span<const message::Unit> list :
+         {std::span(message::kFirstFamilyUnits), std::span(message::kSecondFamilyUnits)}) {
+        ASSERT_EQ(list.size_bytes(), 80U);
+        size_t units = 0;
+        for (; list[units][0] != 0xFFFFFFFF; units++) {
+            ASSERT_LT(units, 4U);
+            EXPECT_EQ(list[units], (message::Unit{3, 8, 0x3A1D0, 0}));
+        }
+        EXPECT_EQ(units, 4U);
+        EXPECT_EQ(list[units], (message::Unit{0xFFFFFFFF, 0, 0, 0}));
+    }
+}
+
 TEST_F(Service, RegistersUnderTheAddressOfItsSlot) {
     board_has_slot(0x7F);
     EXPECT_EQ(PmdApipcInit(), 0);
