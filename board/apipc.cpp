@@ -2,6 +2,7 @@
 #include "board/board.h"
 
 #include "board/apipc_socket.h"
+#include "board/unread.h"
 
 #include <atomic>
 #include <cerrno>
@@ -17,10 +18,18 @@ constexpr long kPauseNs = 100000000;
 constexpr long kNsPerS = 1000000000;
 constexpr int kNoSocket = -1;
 
+// How long a sender waits for room in a full queue. What the request service sends are replies, and
+// all its requesters wait while it waits for one of them.
+constexpr int64_t kSendWaitMs = 2000;
+constexpr int64_t kServiceSendWaitMs = 100;
+constexpr uint32_t kServiceModule = 0x3B;
+constexpr uint32_t kModuleOfKey = 0xFF;
+
 // What apipc_init opened stays open until the process ends: another thread may wait in it.
 std::mutex g_init_lock; // guards g_key and the change of g_socket; leaf
 uint32_t g_key;         // of the socket, once there is one
 std::atomic<int> g_socket{kNoSocket};
+std::atomic<bool> g_is_service{false};
 
 int init_locked(uint32_t key) {
     if (g_socket.load() != kNoSocket) {
@@ -32,9 +41,18 @@ int init_locked(uint32_t key) {
         return error;
     }
     g_key = key;
+    g_is_service.store((key & kModuleOfKey) == kServiceModule);
     (void)module.lock.release();
     g_socket.store(module.socket.release());
     return 0;
+}
+
+// A receiver that has let the service wait in vain is not waited for again until it has made room.
+int send_from_service(uint32_t key, std::span<const uint8_t> message) {
+    const int error =
+        board::send_message(key, message, board::is_unread(key) ? 0 : kServiceSendWaitMs);
+    board::note_unread(key, error == ETIMEDOUT);
+    return error;
 }
 
 // One per call, because several threads may wait at once, and not on the stack, which may be small.
@@ -81,8 +99,10 @@ int apipc_send(int aptid, void *msg, unsigned length) {
     if (length > board::kLargestMessage) {
         return fail(EMSGSIZE);
     }
-    const int error = board::send_message(board::socket_key(aptid),
-                                          {static_cast<const uint8_t *>(msg), size_t{length}});
+    const uint32_t key = board::socket_key(aptid);
+    const std::span<const uint8_t> message(static_cast<const uint8_t *>(msg), size_t{length});
+    const int error = g_is_service.load() ? send_from_service(key, message)
+                                          : board::send_message(key, message, kSendWaitMs);
     return error == 0 ? 0 : fail(error);
 }
 

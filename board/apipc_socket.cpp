@@ -168,7 +168,7 @@ int open_module(uint32_t key, Module &module) {
 
 // Each message has a socket of its own: what a slow receiver leaves unread counts against the
 // sender's buffer, and must not stand in the way of messages to others.
-int send_message(uint32_t key, std::span<const uint8_t> message) {
+int send_message(uint32_t key, std::span<const uint8_t> message, int64_t wait_ms) {
     Place place;
     const int error = find_place(key, place);
     if (error != 0) {
@@ -181,16 +181,20 @@ int send_message(uint32_t key, std::span<const uint8_t> message) {
     // Best effort: a refusal leaves the system's default, and sendto says when that is too small.
     (void)setsockopt(sending.get(), SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes,
                      sizeof kSendBufferBytes);
-    const int64_t deadline_ns = now_ns() + kSendWaitMs * kNsPerMs;
-    while (set_wait(sending.get(), deadline_ns)) {
-        if (sendto(sending.get(), message.data(), message.size(), MSG_NOSIGNAL,
-                   as_sockaddr(place.address), sizeof place.address) >= 0) {
+    const int64_t deadline_ns = now_ns() + wait_ms * kNsPerMs;
+    const int errno_before = errno;
+    int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
+    do {
+        if (sendto(sending.get(), message.data(), message.size(), flags, as_sockaddr(place.address),
+                   sizeof place.address) >= 0) {
+            errno = errno_before; // an EAGAIN that waiting has mended is nobody's business
             return 0;
         }
         if (errno != EINTR && errno != EAGAIN) {
             return errno;
         }
-    }
+        flags = MSG_NOSIGNAL;
+    } while (set_wait(sending.get(), deadline_ns));
     return ETIMEDOUT;
 }
 

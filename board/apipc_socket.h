@@ -15,7 +15,6 @@
 namespace board {
 
 constexpr size_t kLargestMessage = 65536;
-constexpr int64_t kSendWaitMs = 2000; // how long a sender waits for a full receiver
 
 /** What belongs to an address: the socket, and the lock that its owner holds while it lives. */
 struct Module {
@@ -32,8 +31,11 @@ constexpr uint32_t socket_key(int aptid) {
  */
 int open_module(uint32_t key, Module &module);
 
-/** Puts a message into the queue of a key's socket. Returns 0 or the errno of apipc_send. */
-int send_message(uint32_t key, std::span<const uint8_t> message);
+/**
+ * Puts a message into the queue of a key's socket, which may be full for wait_ms, 0: for no time at
+ * all. Returns 0 or the errno of apipc_send.
+ */
+int send_message(uint32_t key, std::span<const uint8_t> message, int64_t wait_ms);
 
 /** Waits for one message. Returns its length, or -1 with the errno of the failed receive. */
 ssize_t receive_message(int socket, uint8_t *buffer, size_t size);

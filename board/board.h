@@ -54,8 +54,9 @@ BOARD_API int apipc_init(int aptid, int flags);
  *   length  0..65536
  *
  * Messages of one thread arrive whole and in the order sent. A receiver whose queue is full makes
- * the caller wait up to 2 s for a place. 0 means that the message lies in the receiver's queue; it
- * is lost only if that process ends before it reads.
+ * the caller wait up to 2 s for a place; a process that is module 0x3B, the request service, up to
+ * 100 ms, and not at all when the last message to that receiver found no place. 0 means that the
+ * message lies in the receiver's queue; it is lost only if that process ends before it reads.
  *
  * Returns 0, or -1 with errno:
  * ENOENT, ECONNREFUSED  nobody listens at the address (at once)
@@ -65,7 +66,8 @@ BOARD_API int apipc_init(int aptid, int flags);
  * ENAMETOOLONG          see apipc_init
  * or what the socket was refused with (EACCES: not in the group).
  *
- * Threads: any number at once.  Blocks: up to 2 s, a cancellation point.  Signal handlers: no.
+ * Threads: any number at once.  Blocks: as long as said above, a cancellation point.  Signal
+ * handlers: no.
  */
 BOARD_API int apipc_send(int aptid, void *msg, unsigned length);
 

@@ -40,7 +40,7 @@ void apipc_first(int aptid) {
     store_le(head, message::kCode, message::kCodeGreeting);
     store_le(head, message::kLen, kGreetingText);
     memcpy(data, kGreeting, sizeof kGreeting);
-    const int sent = ApipcDataSend(aptid, head, kGreetingData);
+    const int sent = deliver(static_cast<uint32_t>(aptid), head, kGreetingData);
     LOG("send ' %s ' ret : %d\n", kGreeting, sent);
     ApMsgBuffFree(data);
 }

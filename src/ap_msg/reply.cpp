@@ -2,9 +2,11 @@
 
 #include "ap_msg/ap_msg.h"
 #include "board/board.h"
+#include "log/errno_keeper.h"
 #include "log/write.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 uint32_t local_address(uint32_t module) {
@@ -38,15 +40,19 @@ bool takes_replies(uint32_t requester) {
     return !is_request_service;
 }
 
-int send_reply(uint32_t requester, uint8_t *head, uint32_t data_len) {
-    if (!takes_replies(requester)) {
-        return -1;
-    }
+int deliver(uint32_t requester, uint8_t *head, uint32_t data_len) {
+    const ErrnoKeeper keep_errno; // the next frame's sending decides by it
+    errno = 0;                    // the board's own library may leave it alone
     const int sent = ApipcDataSend(static_cast<int>(requester), head, data_len);
     if (sent < 0) {
-        LOG("ap_msg: reply to 0x%x: not delivered, result %d\n", requester, sent);
+        LOG("ap_msg: reply to 0x%x: not delivered, result %d, %s\n", requester, sent,
+            errno != 0 ? strerror(errno) : "no reason given");
     }
     return sent;
+}
+
+int send_reply(uint32_t requester, uint8_t *head, uint32_t data_len) {
+    return takes_replies(requester) ? deliver(requester, head, data_len) : -1;
 }
 
 int write_file_resp(void *head, int result) {

@@ -29,10 +29,13 @@ void write_reply_header(uint8_t *header, std::span<const uint8_t> request, uint3
 bool takes_replies(uint32_t requester);
 
 /**
- * Send a reply, its 40-byte header and data_len bytes more. Returns what the message library
- * returns, or -1 for who takes no replies. A reply that is not delivered is logged: one who reads
- * none holds up the service while that waits for room.
+ * Send a message to a requester, its 40-byte header and data_len bytes more. Returns what the
+ * message library returns. One that is not delivered is lost, which is logged: a requester that
+ * reads no replies must not hold up the others.
  */
+int deliver(uint32_t requester, uint8_t *head, uint32_t data_len);
+
+/** The same for a reply; -1 for who takes no replies. */
 int send_reply(uint32_t requester, uint8_t *head, uint32_t data_len);
 
 #endif

@@ -611,6 +611,89 @@ TEST_F(Apipc, GivesUpOnAStuckReceiverAndLosesNothingThatItAccepted) {
     (void)close(count_pipe[1]);
 }
 
+// Sends small messages until one finds no room; milliseconds that this one took.
+long fill_queue(int aptid) {
+    test::Stopwatch watch;
+    while (send_text(aptid, "reply") == 0) {
+        watch = {};
+    }
+    return errno == ETIMEDOUT ? watch.ms() : -1;
+}
+
+// All its requesters wait while the service waits for one that does not read.
+TEST_F(Apipc, TheServiceWaitsShortlyAndOnceForAReceiverThatIsStuck) {
+    const test::Gate ready;
+    const test::Gate read_one;
+    const test::Gate has_read;
+    const test::Gate finish;
+    test::Child stuck = module(kOther, ready, [&] {
+        read_one.enter();
+        const bool got = receive_text() == "reply";
+        has_read.open();
+        finish.enter();
+        return got ? 0 : 1;
+    });
+    ready.enter();
+    test::Child service([&] {
+        if (apipc_init(kService, 0) != 0) {
+            return 2;
+        }
+        const test::Ticks ticks;
+        const long first_ms = fill_queue(kOther);
+        const test::Stopwatch watch;
+        constexpr int kLost = 40;
+        for (int i = 0; i < kLost; ++i) {
+            if (send_text(kOther, "reply") == 0 || errno != ETIMEDOUT) {
+                return 3;
+            }
+        }
+        const bool was_at_once = watch.ms() < 2000; // a tenth of a second each would be four
+        read_one.open();
+        has_read.enter();
+        const bool has_room_again = send_text(kOther, "reply") == 0;
+        const long next_ms = fill_queue(kOther); // forgiven, so waited for as at first
+        return first_ms >= 100 && first_ms < 1500 && was_at_once && has_room_again && next_ms >= 100
+                   ? 0
+                   : 4;
+    });
+    EXPECT_EQ(service.wait(), 0);
+    finish.open();
+    EXPECT_EQ(stuck.wait(), 0);
+}
+
+TEST_F(Apipc, TheServiceRemembersEachReceiverThatIsStuck) {
+    constexpr int kStuck = 3;
+    test::Child service([&] {
+        const test::Gate finish;
+        std::vector<test::Child> receivers;
+        for (int i = 0; i < kStuck; ++i) {
+            const test::Gate ready;
+            receivers.push_back(module(kOther + (i << 8), ready, [&] {
+                finish.enter();
+                return 0;
+            }));
+            ready.enter();
+        }
+        if (apipc_init(kService, 0) != 0) {
+            return 2;
+        }
+        for (int i = 0; i < kStuck; ++i) {
+            if (fill_queue(kOther + (i << 8)) < 100) {
+                return 3;
+            }
+        }
+        const test::Stopwatch watch;
+        for (int round = 0; round < 20; ++round) {
+            for (int i = 0; i < kStuck; ++i) {
+                (void)send_text(kOther + (i << 8), "reply");
+            }
+        }
+        finish.open(kStuck);
+        return watch.ms() < 3000 ? 0 : 4; // 60 waits would be 6 s
+    });
+    EXPECT_EQ(service.wait(), 0);
+}
+
 TEST_F(Apipc, WaitsForAReceiverThatIsOnlySlow) {
     constexpr uint32_t kCount = 1500; // more than a queue holds
     const test::Gate ready;

@@ -200,6 +200,29 @@ TEST_F(ServiceTest, ServesOnAfterAnyMessage) {
     service.stop();
 }
 
+// One that asks and reads no reply: the others wait for it once, and it gets its replies again when
+// it has read.
+TEST_F(ServiceTest, IsNotHeldUpByARequesterThatReadsNoReplies) {
+    constexpr int kRequests = 60;
+    Service service(sockets);
+    const Client deaf(sockets, 0x51);
+    const Client other(sockets, 0x50);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kRequests; i++) {
+        ASSERT_TRUE(deaf.send({.code = kGreetingCode}));
+    }
+    expect_greeting(other);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s); // 100 ms for each would take longer
+    const int lost = count(service.log(), "ap_msg: reply to 0xa5100: not delivered, result -1, "
+                                          "Connection timed out\n");
+    EXPECT_GT(lost, kRequests / 2); // what its socket holds is less
+    for (int i = lost; i < kRequests; i++) {
+        EXPECT_EQ(deaf.receive().size(), 112U);
+    }
+    expect_greeting(deaf);
+    service.stop();
+}
+
 TEST_F(ServiceTest, SaysWhatIsMissing) {
     const Finished no_index = run(rukd_command(sockets, {"3"}));
     EXPECT_EQ(no_index.status, 2);

@@ -14,6 +14,7 @@ struct Board {
     int slot = 2;
     std::vector<SentMessage> messages;
     int send_result = kSendResult;
+    int send_error = 0;
     std::vector<Registration> registrations;
     int registration_result = 0;
     std::deque<std::vector<uint8_t>> deliveries;
@@ -51,6 +52,7 @@ int __wrap_apipc_send(int aptid, void *msg, unsigned length) {
     const std::lock_guard guard(b.lock);
     const auto *bytes = static_cast<const uint8_t *>(msg);
     b.messages.push_back({static_cast<uint32_t>(aptid), {bytes, bytes + length}});
+    errno = b.send_error != 0 ? b.send_error : errno;
     return b.send_result;
 }
 
@@ -133,6 +135,7 @@ void board_reset() {
     b.slot = 2;
     b.messages.clear();
     b.send_result = kSendResult;
+    b.send_error = 0;
     b.registrations.clear();
     b.registration_result = 0;
     b.deliveries.clear();
@@ -154,10 +157,11 @@ std::vector<SentMessage> board_messages() {
     return b.messages;
 }
 
-void board_answers_sends(int result) {
+void board_answers_sends(int result, int error) {
     Board &b = board();
     const std::lock_guard guard(b.lock);
     b.send_result = result;
+    b.send_error = error;
 }
 
 std::vector<Registration> board_registrations() {

@@ -25,7 +25,7 @@ constexpr int kSendResult = 17;
 void board_has_slot(int slot);
 
 std::vector<SentMessage> board_messages();
-void board_answers_sends(int result);
+void board_answers_sends(int result, int error = 0);
 
 /** What the service registered with, and the result that it gets. */
 struct Registration {

@@ -584,14 +584,27 @@ TEST_F(Service, SendsNoReplyToRequestServices) {
 TEST_F(Service, NamesTheRequesterWhoTakesNoReply) {
     const MessageFields read{.len = 2};
     const MessageFields write{.code = 0x02, .data = kData};
-    for (const MessageFields &request : {read, write}) {
+    const MessageFields greeting{.code = 0xF0};
+    for (const MessageFields &request : {read, write, greeting}) {
         for (const int link : {0, -1}) {
             card_answers_reads([link](const CardCall &) { return ReadAnswer{link, {1, 2}}; });
             card_answers_acked_writes(link, 0);
-            board_answers_sends(-1);
-            EXPECT_NE(log_of_deal(message_with(request))
-                          .find("|ap_msg: reply to 0x40a5500: not delivered, result -1\n"),
-                      std::string::npos);
+            const struct {
+                int error;
+                const char *reason;
+            } rows[] = {{0, "no reason given"}, {EAGAIN, "Resource temporarily unavailable"}};
+            for (const auto &row : rows) {
+                board_answers_sends(-1, row.error);
+                const std::string log = test::log_of([&request] {
+                    errno = 0;
+                    (void)deal(message_with(request));
+                    EXPECT_EQ(errno, 0); // EAGAIN would send the next frame twice
+                });
+                EXPECT_NE(log.find("|ap_msg: reply to 0x40a5500: not delivered, result -1, " +
+                                   std::string(row.reason) + "\n"),
+                          std::string::npos)
+                    << log;
+            }
             board_answers_sends(0);
             EXPECT_EQ(log_of_deal(message_with(request)).find("not delivered"), std::string::npos);
         }
