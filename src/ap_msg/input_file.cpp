@@ -1,5 +1,6 @@
 #include "ap_msg/input_file.h"
 
+#include "ap_msg/shown.h"
 #include "log/write.h"
 
 #include <cerrno>
@@ -21,7 +22,7 @@ File open_checked(const char *name, int flags, const char *mode) {
     }
     struct stat status {};
     if (fstat(fd, &status) != 0 || S_ISFIFO(status.st_mode) || S_ISDIR(status.st_mode)) {
-        LOG("open '%s': a pipe or a directory, not a file\n", name);
+        LOG("open '%s': a pipe or a directory, not a file\n", Shown(name).text());
         (void)close(fd);
         errno = EINVAL;
         return nullptr;
@@ -37,7 +38,7 @@ File open_checked(const char *name, int flags, const char *mode) {
 
 bool find_file(const char *name) {
     const bool found = access(name, F_OK) == 0;
-    LOG("%s file %s\n", found ? "found" : "not found", name);
+    LOG("%s file %s\n", found ? "found" : "not found", Shown(name).text());
     return found;
 }
 
@@ -62,6 +63,6 @@ bool close_output(File file, const char *name) {
     if (fclose(file.release()) == 0 && !had_error) {
         return true;
     }
-    LOG("ap_msg: write '%s': %s\n", name, strerror(errno));
+    LOG("ap_msg: write '%s': %s\n", Shown(name).text(), strerror(errno));
     return false;
 }

@@ -4,6 +4,7 @@
 #include "ap_msg/bmp_layout.h"
 #include "ap_msg/input_file.h"
 #include "ap_msg/picture_request.h"
+#include "ap_msg/shown.h"
 #include "board/board.h"
 #include "log/write.h"
 #include "raw_msg/ddr2.h"
@@ -99,7 +100,7 @@ int read_file_handle(void * /*head*/, void *req) {
     if (!read_picture_request(req, request)) {
         return -1;
     }
-    LOG("\n%d ddr to filename:%s\n", 0, request.name);
+    LOG("\n%d ddr to filename:%s\n", 0, Shown(request.name).text());
     Picture picture{.hor = request.hor, .ver = request.ver, .pixels = nullptr};
     if (!bmp_name_of(request.name, bmp_name) || !get_memory(picture)) {
         return -1;

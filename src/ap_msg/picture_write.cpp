@@ -4,6 +4,7 @@
 #include "ap_msg/input_file.h"
 #include "ap_msg/picture_file.h"
 #include "ap_msg/picture_request.h"
+#include "ap_msg/shown.h"
 #include "log/write.h"
 #include "raw_msg/raw_msg.h"
 
@@ -93,7 +94,7 @@ int write_file_handler(int index, int slot, int model, uint32_t addr, int hor, i
     const auto start = Clock::now();
     const File file = open_input(name);
     if (file == nullptr) {
-        LOG("open file %s failed\n", name);
+        LOG("open file %s failed\n", Shown(name).text());
         return kNotOpened;
     }
     const int64_t size = size_of(file.get());

@@ -4,6 +4,7 @@
 #include "ap_msg/handover.h"
 #include "ap_msg/reply.h"
 #include "ap_msg/request.h"
+#include "ap_msg/shown.h"
 #include "log/write.h"
 #include "raw_msg/raw_msg.h"
 
@@ -113,7 +114,7 @@ int queue_file_request(const Work &work) {
 
 int show_text(const Work &work) {
     const std::string_view text = text_in(work.message.subspan(message::kDataOffset));
-    LOG("++++++++++recv msg: ' %.*s ' \n", static_cast<int>(text.size()), text.data());
+    LOG("++++++++++recv msg: ' %s ' \n", Shown(text).text());
     return 0;
 }
 

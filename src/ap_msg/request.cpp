@@ -1,6 +1,7 @@
 #include "ap_msg/request.h"
 
 #include "ap_msg/ap_msg.h"
+#include "ap_msg/shown.h"
 #include "log/write.h"
 
 #include <algorithm>
@@ -25,8 +26,8 @@ std::string_view text_in(std::span<const uint8_t> bytes) {
 
 bool copy_name(std::string_view name, std::span<char> to) {
     if (name.size() >= to.size()) {
-        LOG("ap_msg: file name '%.*s': longer than %d characters\n", static_cast<int>(name.size()),
-            name.data(), static_cast<int>(to.size() - 1));
+        LOG("ap_msg: file name '%s': longer than %d characters\n", Shown(name).text(),
+            static_cast<int>(to.size() - 1));
         return false;
     }
     *std::copy(name.begin(), name.end(), to.begin()) = '\0';

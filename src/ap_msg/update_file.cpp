@@ -3,6 +3,7 @@
 
 #include "ap_msg/input_file.h"
 #include "ap_msg/shell_command.h"
+#include "ap_msg/shown.h"
 #include "board/board.h"
 #include "log/write.h"
 
@@ -26,7 +27,7 @@ long get_file_size(const char *path) {
 long get_file_size_old(const char *path) {
     const File file = open_input(path);
     if (file == nullptr) {
-        LOG("ERROR: Open file %s failed.\n", path);
+        LOG("ERROR: Open file %s failed.\n", Shown(path).text());
         return 0;
     }
     return as_size(size_of(file.get()));

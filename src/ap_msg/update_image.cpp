@@ -2,6 +2,7 @@
 
 #include "ap_msg/ap_msg.h"
 #include "ap_msg/input_file.h"
+#include "ap_msg/shown.h"
 #include "ap_msg/update_layout.h"
 #include "log/write.h"
 
@@ -70,7 +71,7 @@ bool write_head(FILE *image, const Firmware &firmware) {
 
 File opened(File file, const char *name) {
     if (file == nullptr) {
-        LOG("update: open '%s': %s\n", name, strerror(errno));
+        LOG("update: open '%s': %s\n", Shown(name).text(), strerror(errno));
     }
     return file;
 }

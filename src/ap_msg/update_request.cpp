@@ -5,6 +5,7 @@
 #include "ap_msg/reply.h"
 #include "ap_msg/request.h"
 #include "ap_msg/shell_command.h"
+#include "ap_msg/shown.h"
 #include "board/board.h"
 #include "log/write.h"
 
@@ -51,13 +52,13 @@ bool read_update_request(const uint8_t *req, UpdateRequest &request) {
 
 int run_tool(const ToolKind &row, const char *name) {
     const std::string command = shell_command(row.before, name, row.after);
-    LOG("    cmdstr=%s \n\n", command.c_str());
+    LOG("    cmdstr=%s \n\n", Shown(command).text());
     return my_system(command.c_str());
 }
 
 int carry_out(const UpdateRequest &request) {
     LOG("update slot:%d model:0x%x type:0x%x file:%s\n", request.to.slot, request.to.model,
-        request.kind, request.name);
+        request.kind, Shown(request.name).text());
     const auto *tool =
         std::find_if(std::begin(kToolKinds), std::end(kToolKinds),
                      [&request](const ToolKind &row) { return row.kind == request.kind; });

@@ -223,6 +223,46 @@ TEST_F(ServiceTest, IsNotHeldUpByARequesterThatReadsNoReplies) {
     service.stop();
 }
 
+Bytes file_request(const Bytes &fields, const std::string &name) {
+    Bytes data = fields;
+    data.insert(data.end(), name.begin(), name.end());
+    return data;
+}
+
+// Whoever may send messages could else write log lines that look like the service's own, or send
+// the terminal of whoever reads them its commands.
+TEST_F(ServiceTest, ShowsControlCharactersOfOthersByTheirNumbers) {
+    constexpr char kName[] = "a\nFORGED\x1B[2J";
+    const std::string there = directory.file(std::string(kName) + ".bin", pattern(54));
+    const Bytes one_pixel = {1, 0, 0, 0, 1, 0, 0, 0};
+    Card card;
+    Process rukd(rukd_command(sockets));
+    ASSERT_TRUE(rukd.await_output("rukd: ready")) << rukd.err();
+    const Client client(sockets, 0x50);
+    const auto ask = [&client](uint8_t code, const Bytes &data) {
+        ASSERT_TRUE(client.send(
+            {.code = code, .slot = 2, .len = static_cast<uint16_t>(data.size()), .data = data}));
+    };
+    ask(0x33, file_request({}, kName));
+    ask(kGreetingCode, file_request({}, kName));
+    EXPECT_EQ(client.receive().size(), 112U);
+    for (const std::string &name : {there, directory.path(kName), kName + std::string(300, 'x')}) {
+        ask(0xEE, file_request(one_pixel, name));
+        ask(0xDD, file_request(one_pixel, name));
+        for (const uint8_t kind : Bytes{0x16, 0x19, 0x20}) {
+            ask(0xEF, file_request({kind, 0, 0, 0}, name));
+            EXPECT_EQ(client.receive().size(), 44U);
+        }
+    }
+    rukd.send(SIGTERM);
+    EXPECT_EQ(rukd.wait(), 0) << rukd.err(); // where the shell says that there is no mcu_isp
+    const std::string log = rukd.out();
+    EXPECT_GE(count(log, R"(a\x0aFORGED\x1b[2J)"), 20) << log;
+    EXPECT_EQ(count(log, "\nFORGED"), 0) << log;
+    EXPECT_EQ(count(log, "\x1B"), 0) << log;
+    (void)card.stop();
+}
+
 TEST_F(ServiceTest, SaysWhatIsMissing) {
     const Finished no_index = run(rukd_command(sockets, {"3"}));
     EXPECT_EQ(no_index.status, 2);
