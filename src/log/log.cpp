@@ -2,9 +2,11 @@
 
 #include "log/errno_keeper.h"
 #include "log/relaxed.h"
+#include "log/stdout_holds.h"
 #include "log/write.h"
 
 #include <atomic>
+#include <cassert>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -74,8 +76,25 @@ FILE *open_current_file() {
     return opened;
 }
 
+// Keeps two writes together on a stream. The stream is the only thing that is locked meanwhile; a
+// cancelled thread gives it back while it unwinds.
+class StreamHeld {
+public:
+    explicit StreamHeld(FILE *stream) : stream_(stream) {
+        flockfile(stream_);
+    }
+    ~StreamHeld() {
+        funlockfile(stream_);
+    }
+    StreamHeld(const StreamHeld &) = delete;
+    StreamHeld &operator=(const StreamHeld &) = delete;
+
+private:
+    FILE *stream_;
+};
+
 // One write for header and message, so that lines of several threads do not mix; a message that
-// does not fit goes out in two.
+// does not fit goes out in two, which stay together too.
 __attribute__((format(printf, 3, 0))) void emit(FILE *out, const char *header, const char *format,
                                                 va_list arguments) {
     char line[kLineSize];
@@ -87,6 +106,7 @@ __attribute__((format(printf, 3, 0))) void emit(FILE *out, const char *header, c
     if (message_len >= 0 && static_cast<size_t>(message_len) < sizeof line - used) {
         (void)fwrite(line, 1, used + static_cast<size_t>(message_len), out);
     } else {
+        const StreamHeld whole_line(out);
         (void)fputs(header, out);
         (void)vfprintf(out, format, again);
     }
@@ -122,6 +142,7 @@ void switch_file_at_day_change(int day) {
 } // namespace
 
 void log_write(const char *file, const char *function, int line, const char *format, ...) {
+    assert(t_stdout_holds == 0 && "a log call by a thread that holds standard output");
     const ErrnoKeeper keep_errno;
     const CallUnderWay under_way;
 

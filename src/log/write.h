@@ -7,7 +7,8 @@
  * line end. The header that goes before it names the source file, function and line of the call,
  * which only a macro can take from the place where it stands.
  *
- * Never fails towards its caller and leaves errno as it was. Threads: any, no lock is taken.
+ * Never fails towards its caller and leaves errno as it was. Threads: any that does not hold
+ * standard output (StdoutGuard); no lock is taken but those of the C library's streams.
  */
 #define LOG(...) log_write(__FILE_NAME__, __func__, __LINE__, __VA_ARGS__)
 

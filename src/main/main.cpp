@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 namespace {
 
@@ -111,9 +112,11 @@ void detach(pthread_t thread) {
     }
 }
 
-// The threads are not joined: one that hangs in the kernel must not keep the tool from ending.
-// False: one does, and its socket must not be closed under it; the end of the process closes it.
-bool stop_threads(const Threads &threads) {
+// The threads are not joined: one that hangs in the kernel must not keep the tool from ending. Its
+// socket must not be closed under it, nor may exit be called: that writes once more what it finds
+// half written, and waits for the list of streams, which the thread may hold while it waits for one
+// of them. The end of the process closes the socket.
+void stop_threads(const Threads &threads, int status) {
     int cancelled = 0;
     cancel(threads.receive, cancelled);
     cancel(threads.check, cancelled);
@@ -121,23 +124,21 @@ bool stop_threads(const Threads &threads) {
     detach(threads.receive);
     detach(threads.check);
     if (!ended) {
-        // What exit finds half written it would write once more: nobody writes from here on.
-        flockfile(stdout);
+        (void)fflush(stdout);
+        _exit(status);
     }
-    return ended;
 }
 
-void shut_down(int index, const Threads &threads) {
-    if (stop_threads(threads)) {
-        (void)RawMsgModuleUnInit(index); // gives -1 by definition
-        (void)mem_uinit();
-    }
+int shut_down(int index, const Threads &threads) {
+    stop_threads(threads, EXIT_SUCCESS);
+    (void)RawMsgModuleUnInit(index); // gives -1 by definition
+    (void)mem_uinit();
+    return EXIT_SUCCESS;
 }
 
 int abandon(int index, const Threads &threads) {
-    if (stop_threads(threads)) {
-        (void)RawSockMsgUnInit(static_cast<uint32_t>(index)); // gives -1 by definition
-    }
+    stop_threads(threads, kFailed);
+    (void)RawSockMsgUnInit(static_cast<uint32_t>(index)); // gives -1 by definition
     return kFailed;
 }
 
@@ -183,6 +184,5 @@ int main(int argc, char **argv) {
     if (dispatch(parse(words, index)) == Outcome::kAbandoned) {
         return abandon(index, threads);
     }
-    shut_down(index, threads);
-    return 0;
+    return shut_down(index, threads);
 }

@@ -5,9 +5,9 @@
 #include "log/errno_keeper.h"
 #include "log/write.h"
 #include "main/usage.h"
-#include "mem/locks.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <limits>
 
@@ -26,14 +26,19 @@ uint8_t *take_buffer(Source &source, uint32_t len) {
     return buf;
 }
 
-// One line: the receive thread's come before or behind it.
+// One log call, so that the line stays whole: the receive thread's come before or behind it.
 void show_values(const CommandLine &line, size_t given, std::span<const uint8_t> taken) {
-    const StdoutGuard whole_line;
-    announce_write(line, given);
+    constexpr char kDigits[] = "0123456789abcdef";
+    constexpr size_t kPerByte = 3;
+    std::array<char, kPerByte * kCommandBuffer + sizeof "\n"> text{};
+    size_t at = 0;
     for (const uint8_t byte : taken) {
-        printf("%02x ", byte);
+        text[at++] = kDigits[byte >> 4U];
+        text[at++] = kDigits[byte & 0xFU];
+        text[at++] = ' ';
     }
-    printf("\n");
+    text[at] = '\n';
+    announce_write(line, given, text.data());
 }
 
 } // namespace
@@ -42,9 +47,9 @@ void FreeFrameBuffer::operator()(uint8_t *buf) const {
     RawMsgBuffFree(buf);
 }
 
-void announce_write(const CommandLine &line, size_t len) {
-    LOG("write fpga %d , register : 0x%08x , length : %d value :", line.index, line.addr,
-        static_cast<int>(len));
+void announce_write(const CommandLine &line, size_t len, const char *line_end) {
+    LOG("write fpga %d , register : 0x%08x , length : %d value :%s", line.index, line.addr,
+        static_cast<int>(len), line_end);
 }
 
 bool source_from_values(const CommandLine &line, Source &source) {

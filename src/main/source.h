@@ -22,8 +22,8 @@ struct Source {
     }
 };
 
-/** Log which register so many bytes go to; the line stays open for the bytes. */
-void announce_write(const CommandLine &line, size_t len);
+/** Log which register so many bytes go to, and the end of the line; without one it stays open. */
+void announce_write(const CommandLine &line, size_t len, const char *line_end = "");
 
 /** The value bytes from argv[6] on, which are shown. False: no buffer (logged). */
 bool source_from_values(const CommandLine &line, Source &source);

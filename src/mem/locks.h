@@ -2,6 +2,8 @@
 #ifndef MEM_LOCKS_H
 #define MEM_LOCKS_H
 
+#include "log/stdout_holds.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <pthread.h>
@@ -41,14 +43,17 @@ private:
 
 /**
  * Keeps what a scope prints together on standard output: other threads' lines come before or behind
- * it. Nor is a thread cancelled in the middle of it.
+ * it. Nor is a thread cancelled in the middle of it. No log call may stand in such a scope, see
+ * log/stdout_holds.h: builds with assertions end there.
  */
 class StdoutGuard {
 public:
     StdoutGuard() {
         flockfile(stdout);
+        t_stdout_holds += 1;
     }
     ~StdoutGuard() {
+        t_stdout_holds -= 1;
         funlockfile(stdout);
     }
     StdoutGuard(const StdoutGuard &) = delete;

@@ -8,6 +8,7 @@
 #include "log/relaxed.h"
 #include "log/write.h"
 #include "log_directory.h"
+#include "mem/locks.h"
 #include "output.h"
 
 #include <fcntl.h>
@@ -642,6 +643,26 @@ TEST_F(LogThreads, NeverMixTheirLines) {
         EXPECT_EQ(std::stoi(parts[2]), next.at(id)++);
     }
     EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
+}
+
+#ifndef NDEBUG
+TEST_F(LogTest, EndsAProcessThatLogsWhileItHoldsStandardOutput) {
+    EXPECT_DEATH(
+        {
+            const StdoutGuard whole_dump;
+            LOG("in between\n");
+        },
+        "a thread that holds standard output");
+}
+#endif
+
+TEST_F(LogTest, IsFreeAgainBehindWhatIsPrintedTogether) {
+    {
+        const StdoutGuard outer;
+        const StdoutGuard inner;
+    }
+    log_debug = 1;
+    EXPECT_TRUE(test::ends_as_log_line(test::output_of([] { LOG("behind\n"); }), "behind\n"));
 }
 
 TEST_F(LogThreads, ChangeTheFileWhenTheyDisagreeAboutTheDay) {
