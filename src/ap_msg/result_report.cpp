@@ -6,7 +6,6 @@
 #include "ap_msg/reply.h"
 #include "mem/locks.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <span>
 
@@ -49,7 +48,8 @@ void WriteAckResultReport(RawMsgQueueNode *record, int result) {
 
 void ReadResultReport(RawMsgQueueNode *record, int result) {
     uint8_t *report = ApMsgBuffHeadGet(record->read_buf);
-    const uint32_t len = std::min(record->recv_len, kMaxPayload); // what a read buffer can hold
+    // Of a reply that no read buffer can hold nothing was copied.
+    const uint32_t len = record->recv_len <= kMaxPayload ? record->recv_len : 0;
     store_le(report, message::kResult, static_cast<uint32_t>(result));
     store_le(report, message::kDataLen, len + message::kHeaderSize);
     store_le(report, message::kAptid, own_address());

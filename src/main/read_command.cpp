@@ -7,8 +7,6 @@
 #include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 
-#include <algorithm>
-
 namespace {
 
 // The read data's place. It stays out of the pool until the process ends: its release is the one of
@@ -47,7 +45,7 @@ Outcome read_once(const CommandLine &line, const ReadForm &form) {
     }
     const uint32_t received = form.request(line, len, g_read_buf);
     if (!form.is_pipelined) {
-        process_recvbuf(g_read_buf, line.addr, std::min(received, kCommandBuffer));
+        process_recvbuf(g_read_buf, line.addr, bytes_brought(received));
     }
     wait_full(sem_test);
     RawMsgMinBuffFree(g_read_buf);

@@ -6,8 +6,6 @@
 #include "main/command.h"
 #include "raw_msg/raw_msg.h"
 
-#include <algorithm>
-
 void read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint32_t len) {
     LOG("read reg 0x%x\n", addr);
     uint8_t *buffer = RawMsgBuffGet(kCommandBuffer);
@@ -18,7 +16,7 @@ void read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint32_t l
     uint32_t received = 0;
     (void)RawSockSendMsgWithReadWait(index, model, slot, addr, RAW_MSG_CODE_READ, len, buffer,
                                      &received, kWaitTicks); // a failure is logged
-    process_recvbuf(buffer, addr, std::min(received, kCommandBuffer));
+    process_recvbuf(buffer, addr, bytes_brought(received));
     RawMsgMinBuffFree(buffer); // does nothing: the block stays out of the pool
 }
 

@@ -8,7 +8,6 @@
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg_priv.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 
@@ -73,16 +72,21 @@ void stop_and_wake(RawMsgQueueNode *record, int queue) {
     wake_sender(record, queue);
 }
 
+// A longer reply is no answer to any read: nothing of it is copied or shown.
+bool fits_read_buffer(const RawMsgQueueNode *record) {
+    return record->recv_len <= kMaxPayload;
+}
+
 void copy_read_data(RawMsgQueueNode *record, const void *data) {
-    if (record->recv_len <= kMaxPayload && record->read_buf != nullptr) {
+    if (fits_read_buffer(record) && record->read_buf != nullptr) {
         memcpy(record->read_buf, data, record->recv_len);
     }
 }
 
 void show_read_data(const RawMsgQueueNode *record) {
     const ReadDump dump = g_read_dump.load(std::memory_order_relaxed);
-    if (dump != nullptr) {
-        dump(record->read_buf, record->addr, std::min(record->recv_len, kMaxPayload));
+    if (dump != nullptr && fits_read_buffer(record)) {
+        dump(record->read_buf, record->addr, record->recv_len);
     }
 }
 

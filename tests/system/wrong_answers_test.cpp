@@ -183,6 +183,49 @@ TEST_F(WrongAnswers, ALengthBeyondTheFrameIsASpoiltAnswer) {
     }
 }
 
+// The answer to a request, intact and with these data.
+Bytes answer(const Bytes &request, const Bytes &data) {
+    Bytes frame = from_hex("444444444444eb90eb90eb900700aa55"
+                           "00");                                          // carried out
+    frame.insert(frame.end(), request.begin() + 16, request.begin() + 26); // up to the address
+    frame.push_back(static_cast<uint8_t>(data.size()));
+    frame.push_back(static_cast<uint8_t>(data.size() >> 8));
+    frame.insert(frame.end(), data.begin(), data.end());
+    unsigned sum = 0x5555;
+    for (size_t i = 16; i < frame.size(); i++) {
+        sum += frame[i];
+    }
+    frame.push_back(static_cast<uint8_t>(sum));
+    frame.push_back(static_cast<uint8_t>(sum >> 8));
+    return frame;
+}
+
+// No read buffer holds it, so nothing of it is copied: zeros would be shown that no card sent.
+TEST_F(WrongAnswers, NothingIsShownOfAnIntactAnswerThatIsTooLong) {
+    struct Row {
+        const char *word;
+        size_t size;
+        int lines; // with the address
+    };
+    for (const Row &row : {Row{"read", 1400, 1}, Row{"read", 1401, 0}, Row{"read", 1419, 0},
+                           Row{"readw", 1400, 1}, Row{"readw", 1401, 1}, Row{"readw", 1419, 1}}) {
+        const CardEnd end;
+        Capture capture;
+        Process tool({.argv = ruk_command(command(row.word))});
+        ASSERT_TRUE(capture.await_sent(1));
+        const Bytes data(row.size, 0x5A);
+        end.send(answer(capture.sent()[0], data));
+        EXPECT_EQ(tool.wait(), 0);
+        const std::string out = tool.out();
+        EXPECT_EQ(capture.sent().size(), 1U) << "the answer did not end the request";
+        EXPECT_EQ(count(out, "\n00007040: "), row.lines) << row.word << row.size << out;
+        const bool is_alone = row.size > 1400 && row.lines == 1;
+        EXPECT_EQ(count(out, "\n00007040: \n"), is_alone ? 1 : 0) << out;
+        EXPECT_EQ(count(out, "5a5a5a5a "), row.size == 1400 ? 350 : 0);
+        EXPECT_EQ(count(out, "00000000 "), 0) << out;
+    }
+}
+
 TEST_F(WrongAnswers, AnUnknownCodeIsDropped) {
     Card card({"--read-code", "05"});
     Capture capture;

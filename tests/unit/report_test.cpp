@@ -110,11 +110,14 @@ TEST_F(Report, SendsOnlyTheHeaderOfAFailedRead) {
     ApMsgBuffFree(record.read_buf);
 }
 
-TEST_F(Report, NeverSendsMoreThanAReadBufferHolds) {
+TEST_F(Report, SendsAFullReadBufferButNothingOfALongerReplyWhichIsNotCopied) {
     record.read_buf = ApMsgBuffGet(1400);
-    record.recv_len = 60000;
-    (void)test::output_of([&] { ReadResultReport(&record, 0); });
-    EXPECT_EQ(g_messages.at(0).bytes.size(), 1440U);
+    for (const uint32_t len : {1400U, 1401U, 60000U}) {
+        record.recv_len = len;
+        (void)test::output_of([&] { ReadResultReport(&record, 0); });
+        EXPECT_EQ(g_messages.back().bytes.size(), len == 1400 ? 1440U : 40U) << len;
+    }
+    EXPECT_EQ(g_messages.size(), 3U);
     ApMsgBuffFree(record.read_buf);
 }
 
