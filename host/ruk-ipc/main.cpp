@@ -6,6 +6,7 @@
 #include "log/standard_streams.h"
 #include "run.h"
 #include "text.h"
+#include "timer/unblock.h"
 
 #include <cerrno>
 #include <csignal>
@@ -83,6 +84,7 @@ int run(std::span<const char *const> words) {
 
 int main(int argc, char **argv) {
     fill_standard_streams();
+    unblock({SIGINT, SIGTERM, SIGQUIT});
     (void)std::signal(SIGPIPE, SIG_IGN); // a reader that went away is a failed write like any other
     try {
         const std::span<const char *const> all(argv, static_cast<size_t>(argc));

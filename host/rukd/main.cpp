@@ -11,6 +11,7 @@
 #include "raw_msg/raw_msg.h"
 #include "timer/last_alarm.h"
 #include "timer/timer.h"
+#include "timer/unblock.h"
 
 #include <atomic>
 #include <cerrno>
@@ -18,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <net/if.h>
 #include <string_view>
 #include <sys/ioctl.h>
@@ -52,9 +54,11 @@ void end_service(int /*signo*/) {
 void install_signal_handlers() {
     (void)signal_set(); // a crash leaves its stack in the log
     // Being told to end is no crash: these get their own handler instead of the one set above.
-    for (const int signo : {SIGTERM, SIGINT, SIGQUIT}) {
+    const std::initializer_list<int> ends = {SIGTERM, SIGINT, SIGQUIT};
+    for (const int signo : ends) {
         (void)signal(signo, end_service); // cannot fail for these signals
     }
+    unblock(ends);
     for (const int signo : {SIGHUP, SIGPIPE}) {
         (void)signal(signo, SIG_IGN); // the service outlives its terminal and the reader of its log
     }

@@ -4,6 +4,7 @@
 #include "log/write.h"
 #include "mem/mem.h"
 #include "timer/last_alarm.h"
+#include "timer/unblock.h"
 
 #include <array>
 #include <atomic>
@@ -35,10 +36,7 @@ using Lines = std::unique_ptr<char *, FreeLines>;
 // which ends the process. Every call here is one that a handler may make.
 void limit_time() {
     set_last_alarm(kMostSeconds, task_die);
-    sigset_t alarms;
-    (void)sigemptyset(&alarms);
-    (void)sigaddset(&alarms, SIGALRM);
-    (void)pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
+    unblock({SIGALRM});
 }
 
 } // namespace

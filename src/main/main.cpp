@@ -13,12 +13,14 @@
 #include "timer/last_alarm.h"
 #include "timer/sleep.h"
 #include "timer/timer.h"
+#include "timer/unblock.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <unistd.h>
 
 namespace {
@@ -57,9 +59,11 @@ void end_quietly(int /*signo*/) {
 }
 
 void install_signal_handlers() {
-    for (const int signo : {SIGTERM, SIGINT, SIGQUIT}) {
+    const std::initializer_list<int> ends = {SIGTERM, SIGINT, SIGQUIT};
+    for (const int signo : ends) {
         (void)signal(signo, end_quietly); // cannot fail for these signals
     }
+    unblock(ends);
     (void)signal(SIGHUP, SIG_IGN);
 }
 

@@ -2,6 +2,7 @@
 
 #include "log/relaxed.h"
 #include "timer/timer_priv.h"
+#include "timer/unblock.h"
 
 #include <atomic>
 #include <csignal>
@@ -18,6 +19,7 @@ int initTimer(void) {
     (void)signal(SIGALRM, SIG_IGN);
     store_relaxed(elapsed, 0);
     (void)signal(SIGALRM, catch_alarm);
+    unblock({SIGALRM}); // without ticks no request would ever time out
     const timeval tick{.tv_sec = 0, .tv_usec = kTickMicroseconds};
     const itimerval both{.it_interval = tick, .it_value = tick};
     return setitimer(ITIMER_REAL, &both, nullptr);

@@ -26,7 +26,10 @@ extern RUK_API int32_t elapsed;
 
 /**
  * Clear the count, install catch_alarm for SIGALRM and start the process's real-time interval
- * timer at 30 ms. Returns the result of setitimer: 0, or -1 with errno.
+ * timer at 30 ms. SIGALRM is unblocked for the calling thread and for those that it starts later:
+ * at least one thread of the process must take it.
+ *
+ * Returns the result of setitimer: 0, or -1 with errno.
  */
 RUK_API int initTimer(void);
 
