@@ -8,6 +8,6 @@
 #define LOG_STDOUT_HOLDS_H
 
 /** How often the calling thread holds standard output at this moment. */
-inline thread_local int t_stdout_holds = 0;
+extern constinit thread_local int t_stdout_holds;
 
 #endif
