@@ -20,8 +20,6 @@ int log_num = 0;
 int log_lastday = 0;
 FILE *log_fp = nullptr;
 
-constinit thread_local int t_stdout_holds = 0;
-
 namespace {
 
 constexpr char kFileNameFormat[] = "/var/log/ruk_log%d.txt";
