@@ -3,6 +3,7 @@
 #include "main/main.h"
 #include "ap_msg/ap_msg.h"
 #include "board/board.h"
+#include "counters.h"
 #include "eth_raw/eth_raw.h"
 #include "log/log.h"
 #include "log/standard_streams.h"
@@ -39,15 +40,19 @@ constexpr char kHelp[] =
     "Environment: APIPC_DIR  directory of the message sockets, /run/apipc without it\n"
     "             APCARD_SLOT  slot of the card that this runs on, 0 without it\n"
     "Needs CAP_NET_RAW and CAP_NET_ADMIN (raw sockets) and CAP_SYS_NICE (real-time threads).\n"
+    "SIGUSR1 prints all counters on standard output, as one line of JSON.\n"
     "Ends on SIGTERM, SIGINT or SIGQUIT with status 0; 1 when something is missing, 2 wrong\n"
     "arguments. A crash logs \"task_die!!!\" and its stack, then ends with status 0 as well.\n";
 
 std::atomic<bool> g_end{false}; // set on whichever thread takes the signal
 static_assert(std::atomic<bool>::is_always_lock_free, "a handler sets it");
 
-// The main thread waits on sem_test; posting it is all that a handler may do to wake it.
+// The main thread waits on sem_test; posting it is all that a handler may do to wake it. It may
+// also be printing, and wait for whoever reads the log.
 void end_service(int /*signo*/) {
-    g_end = true;
+    if (!g_end.exchange(true)) {
+        limit_last_words();
+    }
     post_test();
 }
 
@@ -59,6 +64,7 @@ void install_signal_handlers() {
         (void)signal(signo, end_service); // cannot fail for these signals
     }
     unblock(ends);
+    install_counters_signal();
     for (const int signo : {SIGHUP, SIGPIPE}) {
         (void)signal(signo, SIG_IGN); // the service outlives its terminal and the reader of its log
     }
@@ -192,6 +198,7 @@ bool start_service(int index) {
 void wait_for_end() {
     while (!g_end) {
         (void)sem_wait(&sem_test); // a signal may end it early, which is looked at next
+        show_counters_when_asked();
     }
 }
 
@@ -218,7 +225,7 @@ int main(int argc, char **argv) {
     printf("rukd: ready, slot %d, %s, messages in %s\n", apcard_bit_self(),
            g_netdev_name[arguments.index], message_directory());
     wait_for_end();
-    limit_last_words();
+    limit_last_words(); // once more: the signal may have come before the layers started
     printf("rukd: ended\n");
     _exit(0); // the threads are in the middle of their waits: the end of the process ends them
 }

@@ -3,6 +3,7 @@
 #include "host.h"
 
 #include "mem/mem_priv.h"
+#include "raw_msg/counters.h"
 #include "raw_msg/raw_msg.h"
 
 #include <atomic>
@@ -51,6 +52,43 @@ Bytes bytes_at(uint32_t addr, uint32_t size) {
     return bytes;
 }
 
+ruk_counter_set counters_now() {
+    ruk_counter_set counters{};
+    counters.size = sizeof counters;
+    EXPECT_EQ(ruk_counters(&counters), 0);
+    return counters;
+}
+
+// The host's counts against the card's, from the other end of the cable.
+void expect_agreement(const ruk_counter_set &before, const Counters &card) {
+    const auto since = [&before](uint64_t(ruk_counter_set::*values)[RUK_COUNTED_LINKS]) {
+        return static_cast<int64_t>((counters_now().*values)[0] - (before.*values)[0]);
+    };
+    // The last frames of the card are out, but perhaps not yet looked at.
+    for (int i = 0; i < 5000 && since(&ruk_counter_set::frames_received) < card["replies"]; i++) {
+        std::this_thread::sleep_for(1ms);
+    }
+    const int64_t replies = since(&ruk_counter_set::replies);
+    const int64_t damaged = since(&ruk_counter_set::checksum_errors);
+    const int64_t unanswered = since(&ruk_counter_set::unanswered);
+    const int64_t resends = since(&ruk_counter_set::resends);
+    EXPECT_EQ(since(&ruk_counter_set::frames_sent), card["requests"]);
+    EXPECT_EQ(since(&ruk_counter_set::frames_received), card["replies"]);
+    EXPECT_EQ(replies + damaged, card["replies"]);
+    EXPECT_GE(damaged, card["corrupt"]); // those that were sent twice count twice
+    EXPECT_EQ(since(&ruk_counter_set::unmatched_replies), replies - (kRequests - unanswered));
+    EXPECT_EQ(unanswered, card["unanswered_requests"]);
+    EXPECT_EQ(resends, card["resends"]);
+    EXPECT_GE(since(&ruk_counter_set::timeouts), resends + unanswered);
+    EXPECT_EQ(since(&ruk_counter_set::foreign_frames), 0);
+    EXPECT_EQ(since(&ruk_counter_set::refusals), 0);
+    EXPECT_EQ(since(&ruk_counter_set::send_errors), 0);
+    EXPECT_EQ(since(&ruk_counter_set::receive_errors), 0);
+    for (const uint64_t under_way : counters_now().queued[0]) {
+        EXPECT_EQ(under_way, 0U);
+    }
+}
+
 bool is_untouched(const Bytes &bytes) {
     return bytes == Bytes(bytes.size());
 }
@@ -73,6 +111,7 @@ protected:
         }
         EXPECT_EQ(host.kernel_drops(), 0U);
         EXPECT_EQ(counters["bad_frames"], 0);
+        expect_agreement(before, counters);
         return counters;
     }
 
@@ -80,6 +119,7 @@ protected:
     Card card;
     Host host;
     int64_t handed_out = mem_handed_out();
+    ruk_counter_set before = counters_now();
 };
 
 // Run request(i) for every i on several threads; returns how many were false.
