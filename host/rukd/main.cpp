@@ -3,7 +3,6 @@
 #include "main/main.h"
 #include "ap_msg/ap_msg.h"
 #include "board/board.h"
-#include "counters.h"
 #include "eth_raw/eth_raw.h"
 #include "log/log.h"
 #include "log/standard_streams.h"
@@ -13,6 +12,11 @@
 #include "timer/last_alarm.h"
 #include "timer/timer.h"
 #include "timer/unblock.h"
+
+#include "arguments.h"
+#include "counters.h"
+#include "message_directory.h"
+#include "user.h"
 
 #include <atomic>
 #include <cerrno>
@@ -27,22 +31,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr int kMissing = 1; // exit status: something that the service needs is not there
-constexpr int kUsage = 2;
-
-constexpr char kHelp[] =
-    "usage: rukd [--frames] [INDEX]\n"
-    "Serve register, picture and firmware requests of other processes (see ruk-ipc).\n"
-    "  INDEX      interface: 0 = eth0 (the one that requests go to), 1 = eth1, 2 = eth2\n"
-    "  --frames   dump every frame on standard output\n"
-    "  --help     this text          --version  version\n"
-    "Environment: APIPC_DIR  directory of the message sockets, /run/apipc without it\n"
-    "             APCARD_SLOT  slot of the card that this runs on, 0 without it\n"
-    "Needs CAP_NET_RAW and CAP_NET_ADMIN (raw sockets) and CAP_SYS_NICE (real-time threads).\n"
-    "SIGUSR1 prints all counters on standard output, as one line of JSON.\n"
-    "Ends on SIGTERM, SIGINT or SIGQUIT with status 0; 1 when something is missing, 2 wrong\n"
-    "arguments. A crash logs \"task_die!!!\" and its stack, then ends with status 0 as well.\n";
 
 std::atomic<bool> g_end{false}; // set on whichever thread takes the signal
 static_assert(std::atomic<bool>::is_always_lock_free, "a handler sets it");
@@ -70,48 +58,6 @@ void install_signal_handlers() {
     }
 }
 
-int wrong(const char *word) {
-    (void)fprintf(stderr, "rukd: argument '%s': not an interface index 0 to %d (see rukd --help)\n",
-                  word, MAX_ETH - 1);
-    return kUsage;
-}
-
-int show(const char *text) {
-    if (fputs(text, stdout) >= 0 && fflush(stdout) == 0) {
-        return 0;
-    }
-    perror("rukd: standard output");
-    return kMissing;
-}
-
-struct Arguments {
-    int index = 0;
-    int status = -1; // exit status, when there is nothing to serve
-};
-
-Arguments parse(int argc, char **argv) {
-    Arguments arguments;
-    bool has_index = false;
-    for (int i = 1; i < argc; i++) {
-        const std::string_view word = argv[i];
-        if (word == "--help") {
-            return {.index = 0, .status = show(kHelp)};
-        }
-        if (word == "--version") {
-            return {.index = 0, .status = show("rukd " RUKD_VERSION "\n")};
-        }
-        if (word == "--frames") {
-            print_flag = 1;
-        } else if (!has_index && word.size() == 1 && word[0] >= '0' && word[0] < '0' + MAX_ETH) {
-            has_index = true;
-            arguments.index = word[0] - '0';
-        } else {
-            return {.index = 0, .status = wrong(argv[i])};
-        }
-    }
-    return arguments;
-}
-
 void start_layers() {
     queue_init();
     (void)mem_init();
@@ -122,9 +68,12 @@ void start_layers() {
     }
 }
 
-const char *message_directory() {
-    const char *directory = getenv("APIPC_DIR");
-    return directory != nullptr && *directory != '\0' ? directory : "/run/apipc";
+// Every request may name files, which the service opens with the rights that it has.
+bool limit_rights(const Arguments &arguments) {
+    if (arguments.user != nullptr) {
+        return become_user(arguments.user);
+    }
+    return geteuid() != 0 || arguments.as_root || message_directory_is_roots();
 }
 
 // The receive thread registers too, but could only log why it failed.
@@ -210,6 +159,9 @@ int main(int argc, char **argv) {
     if (arguments.status >= 0) {
         return arguments.status;
     }
+    if (!limit_rights(arguments)) {
+        return kMissing;
+    }
     (void)setvbuf(stdout, nullptr, _IOLBF, 0); // a log that is watched is up to date
     install_signal_handlers();
     start_layers();
@@ -218,10 +170,6 @@ int main(int argc, char **argv) {
         _exit(kMissing); // threads may run: their memory must stay
     }
     warn_of_dead_interface(arguments.index);
-    if (arguments.index != GetIndexById(GetIdByIndex(arguments.index))) {
-        (void)fprintf(stderr, "rukd: %s is up, but requests go to %s\n",
-                      g_netdev_name[arguments.index], g_netdev_name[GetIndexById(0)]);
-    }
     printf("rukd: ready, slot %d, %s, messages in %s\n", apcard_bit_self(),
            g_netdev_name[arguments.index], message_directory());
     wait_for_end();

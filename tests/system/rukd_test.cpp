@@ -349,14 +349,22 @@ TEST_F(ServiceTest, SaysThatItMayUseNoRealTimeThreads) {
     EXPECT_EQ(no_right.err, "rukd: eth0: no right to real-time threads (CAP_SYS_NICE)\n");
 }
 
-// Requests name no interface that the service could choose.
-TEST_F(ServiceTest, SaysThatRequestsDoNotGoToItsInterface) {
-    Process rukd(rukd_command(sockets, {"1"}));
-    ASSERT_TRUE(rukd.await_output("rukd: ready, slot 0, eth1, messages in " + sockets + "\n"))
+// Requests name no interface: one is chosen for all of them.
+TEST_F(ServiceTest, IsNotForAnInterfaceThatNoRequestReaches) {
+    for (const std::string index : {"1", "2"}) {
+        const Finished refused = run(rukd_command(sockets, {index}));
+        EXPECT_EQ(refused.status, 2);
+        EXPECT_EQ(refused.err, "rukd: argument '" + index +
+                                   "': requests go to interface 0 only, none would reach this "
+                                   "(see rukd --help)\n");
+        EXPECT_EQ(refused.out, "");
+    }
+    Process rukd(rukd_command(sockets, {"0"}));
+    ASSERT_TRUE(rukd.await_output("rukd: ready, slot 0, eth0, messages in " + sockets + "\n"))
         << rukd.err();
     rukd.send(SIGTERM);
     EXPECT_EQ(rukd.wait(), 0);
-    EXPECT_EQ(rukd.err(), "rukd: eth1 is up, but requests go to eth0\n");
+    EXPECT_EQ(rukd.err(), "");
 }
 
 TEST_F(ServiceTest, DumpsFramesOnlyWhenAsked) {
@@ -389,7 +397,8 @@ TEST_F(ServiceTest, IsThereOnlyOnce) {
 TEST_F(ServiceTest, HelpAndVersionNeedNothing) {
     const Finished help = run({.argv = {"rukd", "--help"}, .program = RUKD_PROGRAM});
     EXPECT_EQ(help.status, 0);
-    EXPECT_TRUE(help.out.starts_with("usage: rukd [--frames] [INDEX]\n")) << help.out;
+    EXPECT_TRUE(help.out.starts_with("usage: rukd [--frames] [--user NAME | --as-root] [INDEX]\n"))
+        << help.out;
     const Finished version = run({.argv = {"rukd", "--version"}, .program = RUKD_PROGRAM});
     EXPECT_EQ(version.status, 0);
     EXPECT_TRUE(version.out.starts_with("rukd ")) << version.out;
