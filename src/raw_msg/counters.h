@@ -37,7 +37,7 @@ typedef struct ruk_counter_set {
     uint64_t queue_overflows[RUK_COUNTED_LINKS];   /* full queues that were emptied */
     uint64_t frames_received[RUK_COUNTED_LINKS];   /* frames of any kind */
     uint64_t bytes_received[RUK_COUNTED_LINKS];    /* in these, at most 1450 of each */
-    uint64_t receive_errors[RUK_COUNTED_LINKS];    /* failed receives: the interface is down */
+    uint64_t receive_errors[RUK_COUNTED_LINKS];    /* failed receives: the interface went down */
     uint64_t foreign_frames[RUK_COUNTED_LINKS];    /* of frames_received: no replies of cards */
     uint64_t checksum_errors[RUK_COUNTED_LINKS];   /* of frames_received: damaged replies */
     uint64_t replies[RUK_COUNTED_LINKS];           /* of frames_received: intact replies */
