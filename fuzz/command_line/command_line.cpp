@@ -122,7 +122,9 @@ void check_values(Words &words) {
             require(source.data()[i] == value, "a value is the low byte of its word");
             expected += hex_of(value) + " ";
         }
-        require(output.text().ends_with(" value :" + expected + "\n"),
+        // In the first line, behind its header; a second one complains about too many values.
+        const std::string_view line_of_values = output.text().substr(0, output.text().find('\n'));
+        require(line_of_values.ends_with(" value :" + expected),
                 "the values are shown as they are taken");
     }
     require(mem_handed_out() == before, "the buffer goes back to the pool");
