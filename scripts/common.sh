@@ -6,7 +6,8 @@ readonly root
 readonly build_packages=(g++ cmake make pkg-config libgtest-dev libpng-dev libfaketime)
 readonly run_packages=(iproute2 util-linux procps)
 # shellcheck disable=SC2034 # used by .ci/run
-readonly check_packages=(clang clang-format clang-tidy cppcheck libclang-rt-dev llvm shellcheck)
+readonly check_packages=(clang clang-format clang-tidy cppcheck libclang-rt-dev llvm python3
+                         shellcheck)
 
 say() {
     echo "==> $*"
