@@ -37,8 +37,28 @@ public:
     CancelOff(const CancelOff &) = delete;
     CancelOff &operator=(const CancelOff &) = delete;
 
+    [[nodiscard]] int before() const {
+        return before_;
+    }
+
 private:
     int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+/** For a wait in the scope of a CancelOff: the thread can be cancelled if it could be before. */
+class CancelAsBefore {
+public:
+    explicit CancelAsBefore(const CancelOff &off) {
+        (void)pthread_setcancelstate(off.before(), &here_);
+    }
+    ~CancelAsBefore() {
+        (void)pthread_setcancelstate(here_, nullptr);
+    }
+    CancelAsBefore(const CancelAsBefore &) = delete;
+    CancelAsBefore &operator=(const CancelAsBefore &) = delete;
+
+private:
+    int here_ = PTHREAD_CANCEL_DISABLE;
 };
 
 /**
@@ -62,6 +82,15 @@ public:
 private:
     CancelOff whole_;
 };
+
+/**
+ * Call a function in every child of this process before fork returns there. Another thread of the
+ * parent may hold a lock at that moment; the child has no such thread that could give it back, so
+ * the function makes the lock anew.
+ */
+inline bool renew_in_child(void (*renew)()) {
+    return pthread_atfork(nullptr, nullptr, renew) == 0;
+}
 
 /** Wait for a post, however many signals (one tick every 30 ms) interrupt the wait. */
 inline void wait_full(sem_t &semaphore) {

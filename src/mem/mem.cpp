@@ -29,6 +29,9 @@ bool is_class(int64_t type) {
     return type >= 0 && type < static_cast<int64_t>(mem_type.size());
 }
 
+[[maybe_unused]] const bool g_renews_lock =
+    renew_in_child([] { mutex_mem = PTHREAD_MUTEX_INITIALIZER; });
+
 void append_locked(FreeList &list, mem_block *block) {
     block->next = nullptr;
     if (list.head == nullptr) {
@@ -45,8 +48,27 @@ mem_block *take_locked(FreeList &list) {
     if (block != nullptr) {
         list.head = block->next;
         list.length -= 1;
+        block->next = nullptr; // see is_free_locked
     }
     return block;
+}
+
+bool holds_locked(const FreeList &list, const mem_block *block) {
+    const mem_block *listed = list.head;
+    while (listed != nullptr && listed != block) {
+        listed = listed->next;
+    }
+    return listed != nullptr;
+}
+
+// Listing a block twice would hand it to two owners and tie the free list into a ring. A block
+// without a next can only stand last; a host's own header may hold anything there, so with a next
+// the lists decide.
+bool is_free_locked(const mem_block *block) {
+    return std::any_of(mem_list.begin(), mem_list.end(), [block](const FreeList &list) {
+        return block->next == nullptr ? list.head != nullptr && list.tail == block
+                                      : holds_locked(list, block);
+    });
 }
 
 void release_all_locked(FreeList &list) {
@@ -57,6 +79,28 @@ void release_all_locked(FreeList &list) {
 
 mem_block *header_of(void *p) {
     return static_cast<mem_block *>(p) - 1;
+}
+
+bool append_unless_free(FreeList &list, mem_block *block) {
+    const MutexGuard guard(mutex_mem);
+    if (is_free_locked(block)) {
+        return false;
+    }
+    append_locked(list, block);
+    return true;
+}
+
+// Returns whether the block was given back; false: it had been before.
+bool push(int32_t type, mem_block *block) {
+    if (!is_class(type)) {
+        std::free(block);
+        return true;
+    }
+    if (append_unless_free(mem_list[static_cast<size_t>(type)], block)) {
+        return true;
+    }
+    LOG("mem: free %p: already free, ignored\n", static_cast<void *>(block + 1));
+    return false;
 }
 
 } // namespace
@@ -97,25 +141,16 @@ void mem_free(void *p) {
         return;
     }
     mem_block *block = header_of(p);
-    // Listing a block twice would hand it to two owners and tie the free list into a ring.
-    if (std::atomic_ref<uint32_t>(block->used).exchange(0) == 0) {
-        LOG("mem: free %p: already free, ignored\n", p);
-        return;
+    const bool was_handed_out = std::atomic_ref<uint32_t>(block->used).exchange(0) != 0;
+    if (push(static_cast<int32_t>(block->type), block) && was_handed_out) {
+        g_handed_out.fetch_sub(1, std::memory_order_relaxed); // mem_pop's blocks are not counted
     }
-    g_handed_out.fetch_sub(1, std::memory_order_relaxed);
-    mem_push(static_cast<int32_t>(block->type), block);
 }
 
 void mem_push(int32_t type, mem_block *block) {
-    if (block == nullptr) {
-        return;
+    if (block != nullptr) {
+        (void)push(type, block);
     }
-    if (!is_class(type)) {
-        std::free(block);
-        return;
-    }
-    const MutexGuard guard(mutex_mem);
-    append_locked(mem_list[static_cast<size_t>(type)], block);
 }
 
 mem_block *mem_pop(int32_t type) {

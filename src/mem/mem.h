@@ -35,7 +35,10 @@ RUK_API int mem_init(void);
  */
 RUK_API void *mem_alloc(uint32_t size);
 
-/** Give back a block of mem_alloc. Null is ignored; a block given back already is left alone. */
+/**
+ * Give back a block of mem_alloc, or the data of one of mem_pop. Null is ignored; a block that is
+ * free already is left alone (logged), also by mem_push.
+ */
 RUK_API void mem_free(void *p);
 
 /**
@@ -44,7 +47,10 @@ RUK_API void mem_free(void *p);
  */
 RUK_API void mem_push(int32_t type, mem_block *block);
 
-/** Take the oldest free block of a class. Returns null: none free, or class outside 0..7. */
+/**
+ * Take the oldest free block of a class; give it back with mem_push, or its data with mem_free.
+ * Returns null: none free, or class outside 0..7.
+ */
 RUK_API mem_block *mem_pop(int32_t type);
 
 /** Give every free block back to the system; blocks still handed out stay valid. Returns 0. */

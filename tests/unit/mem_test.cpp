@@ -267,6 +267,46 @@ TEST_F(MemFree, LeavesABlockAloneThatIsFreeAlready) {
     mem_free(second);
 }
 
+// Wherever it stands on its list.
+TEST_F(MemFree, LeavesEachOfSeveralFreeBlocksAlone) {
+    std::array<void *, 3> blocks{};
+    std::generate(blocks.begin(), blocks.end(), [] { return mem_alloc(200); });
+    std::for_each(blocks.begin(), blocks.end(), mem_free);
+    log_debug = 1;
+    const std::string text = test::output_of([&] {
+        std::for_each(blocks.begin(), blocks.end(), mem_free);
+        mem_push(2, static_cast<mem_block *>(blocks[1]) - 1);
+        mem_push(5, static_cast<mem_block *>(blocks[2]) - 1); // also on another class's list
+    });
+    EXPECT_EQ(test::occurrences(text, "already free, ignored\n"), 5);
+    EXPECT_EQ(handed_out(), 0);
+    for (void *block : blocks) {
+        EXPECT_EQ(mem_alloc(200), block);
+    }
+    EXPECT_EQ(mem_pop(2), nullptr);
+    EXPECT_EQ(mem_pop(5), nullptr);
+    std::for_each(blocks.begin(), blocks.end(), mem_free);
+}
+
+TEST_F(MemFree, TakesBackABlockOfMemPop) {
+    void *first = mem_alloc(100);
+    void *second = mem_alloc(100);
+    mem_free(first);
+    mem_free(second);
+    mem_block *popped = mem_pop(1);
+    ASSERT_NE(popped, nullptr);
+    EXPECT_EQ(popped->data, first);
+    EXPECT_EQ(popped->used, 0U);
+    log_debug = 1;
+    EXPECT_EQ(test::output_of([=] { mem_free(popped->data); }), "");
+    log_debug = 0;
+    EXPECT_EQ(handed_out(), 0);
+    EXPECT_EQ(mem_alloc(100), second);
+    EXPECT_EQ(mem_alloc(100), first);
+    mem_free(first);
+    mem_free(second);
+}
+
 // ---------------------------------------------------------------------------------------------
 
 using MemPush = MemTest;
