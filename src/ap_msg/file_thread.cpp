@@ -22,6 +22,9 @@ uint8_t file_write_head[message::kFileRequestArea];     // the first 40 bytes of
 pthread_mutex_t file_mutex = PTHREAD_MUTEX_INITIALIZER; // both; held while a request is carried out
 sem_t sem_file_write;                                   // file requests handed over
 
+[[maybe_unused]] const bool g_renews_lock =
+    renew_in_child([] { file_mutex = PTHREAD_MUTEX_INITIALIZER; });
+
 struct FileService {
     uint8_t code;
     int (*run)(void *head, void *req);

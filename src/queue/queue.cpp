@@ -4,6 +4,7 @@
 #include "mem/locks.h"
 #include "mem/mem.h"
 #include "queue/queue_priv.h"
+#include "timer/sleep.h"
 #include "timer/timer_priv.h"
 
 #include <atomic>
@@ -70,7 +71,8 @@ RawMsgQueueNode *oldest_match_locked(const SeqIndex &index, uint32_t addr, uint1
     RawMsgQueueNode *match = nullptr;
     for (RawMsgQueueNode *record = index.newest[seq % kSeqEndings]; record != nullptr;
          record = record->older) {
-        if (record->addr == addr && record->seq == seq && record->is_done == 0) {
+        if (record->addr == addr && record->seq == seq && record->is_done == 0 &&
+            record->is_enqueuing == 0) { // nothing answers what has not been sent
             match = record;
         }
     }
@@ -110,9 +112,11 @@ void release(RawMsgQueueNode *record) {
     mem_free(record->owned_block);
     (void)sem_destroy(&record->sem); // nobody sleeps on it: the waiting sender was a holder
     record->owned_block = nullptr;
+    record->when_dropped = nullptr;
     record->home = nullptr;
     record->completions = 0;
     record->has_sender = 0;
+    record->is_enqueuing = 0;
     record->is_retired = 0;
     record->is_done = 0;
     record->is_due = 0;
@@ -164,13 +168,21 @@ RawMsgQueueNode *hold_match(int i, int j, uint32_t addr, uint16_t seq, uint32_t 
     return record;
 }
 
-// Returns the expired records, held and chained through next_due, oldest first.
-RawMsgQueueNode *hold_due(int i, int j) {
+bool has_expired(RawMsgQueueNode *record) {
+    return timerExpired(&record->timer) != 0;
+}
+
+bool is_in_the_queue(RawMsgQueueNode *record) {
+    return record->is_enqueuing == 0;
+}
+
+// Returns the open records that are due, held and chained through next_due, oldest first.
+RawMsgQueueNode *hold_due(int i, int j, bool (*is_due)(RawMsgQueueNode *record)) {
     RawMsgQueueNode *first = nullptr;
     RawMsgQueueNode **link = &first;
     const MutexGuard guard(mtx[i][j]);
     for (RawMsgQueueNode *record = Qlist[i][j].head; record != nullptr; record = record->next) {
-        if (record->is_done != 0 || record->is_due != 0 || timerExpired(&record->timer) == 0) {
+        if (record->is_done != 0 || record->is_due != 0 || !is_due(record)) {
             continue;
         }
         record->is_due = 1;
@@ -189,19 +201,58 @@ bool still_open(int i, int j, RawMsgQueueNode *record) {
     return is_linked_locked(Qlist[i][j], record) && record->is_done == 0;
 }
 
-// Nobody stays behind without a word: a waiting sender wakes up, for the others the caller is told.
-void end_dropped_locked(RawMsgQueueNode *record, void (*dropped)()) {
-    if (record->is_waited_for == 0) {
-        if (dropped != nullptr) {
-            dropped();
+// Calls back for each of the records that hold_due returned, unless it has ended meanwhile.
+template <typename Count>
+void time_out(int i, int j, RawMsgQueueNode *record, queue_callback callback, Count count) {
+    const MutexGuard guard(mutex_check);
+    while (record != nullptr) {
+        const Held held(i, j, record);
+        RawMsgQueueNode *next = record->next_due;
+        if (still_open(i, j, record)) {
+            record->count = count(record->count);
+            if (callback != nullptr) {
+                callback(record, nullptr, 0);
+            }
         }
-    } else if (record->is_done == 0) {
+        record = next;
+    }
+}
+
+void wake_without_answer_locked(RawMsgQueueNode *record) {
+    if (record->is_done == 0) {
         record->is_done = 1;
         record->ack = kNoReply;
         record->recv_len = 0;
         (void)sem_post(&record->sem);
     }
 }
+
+// Nobody stays behind without a word: a waiting sender wakes up, of the others the end is counted.
+void end_dropped_locked(RawMsgQueueNode *record) {
+    if (record->is_waited_for != 0) {
+        wake_without_answer_locked(record);
+    } else if (record->when_dropped != nullptr) {
+        record->when_dropped();
+    }
+}
+
+// A host that takes out a record releases the frame buffer itself, often before: the block may have
+// a new owner by now. A sender that waits for the record releases its buffer when it wakes up.
+void take_out_for_host_locked(int i, int j, RawMsgQueueNode *record) {
+    unlink_locked(Qlist[i][j], record);
+    if (record->is_waited_for != 0) {
+        wake_without_answer_locked(record);
+    } else {
+        record->owned_block = nullptr;
+    }
+    retire_locked(record);
+}
+
+// In a child, a thread that it does not have may have held a lock. queue_init renews the others.
+[[maybe_unused]] const bool g_renews_locks = renew_in_child([] {
+    mutex_find = PTHREAD_MUTEX_INITIALIZER;
+    mutex_check = PTHREAD_MUTEX_INITIALIZER;
+});
 
 void count_down_locked(int i, int j, const char *message) {
     Qcount[i][j] -= 1;
@@ -210,10 +261,36 @@ void count_down_locked(int i, int j, const char *message) {
     }
 }
 
+// From here on no reply and no time-out finds the record, and none that found it before ends it.
+bool take_back(int i, int j, RawMsgQueueNode *record) {
+    const MutexGuard guard(mtx[i][j]);
+    const bool was_open = record->is_retired == 0 && record->is_done == 0;
+    record->is_done = 1;
+    if (is_linked_locked(Qlist[i][j], record)) {
+        unlink_locked(Qlist[i][j], record);
+        count_down_locked(i, j, "assert : del queue error -1\n");
+    }
+    return was_open;
+}
+
+bool is_being_completed(int i, int j, const RawMsgQueueNode *record) {
+    const MutexGuard guard(mtx[i][j]);
+    return record->completions != 0;
+}
+
+// Rare and short: the reply, or the last time-out, came in the moment of the withdrawal.
+void await_completions(int i, int j, const RawMsgQueueNode *record) {
+    constexpr auto kCompletionPoll = std::chrono::microseconds(100);
+    while (is_being_completed(i, j, record)) {
+        sleep_full(kCompletionPoll);
+    }
+}
+
 } // namespace
 
 void queue_init(void) {
     for (int i = 0; i < kQueueInterfaces; i++) {
+        queue_stop_ageing(i);
         for (int j = 0; j < kQueueKinds; j++) {
             (void)pthread_mutex_init(&mtx[i][j], nullptr); // cannot fail with default attributes
             const MutexGuard guard(mtx[i][j]);
@@ -230,7 +307,7 @@ int queue_add(int i, int j, RawMsgQueueNode *node) {
     }
     const MutexGuard guard(mtx[i][j]);
     if (!is_linked_locked(Qlist[i][j], node)) {
-        if (is_any_queue(node->home)) {
+        if (is_any_queue(node->home) || node->is_retired != 0) {
             return -1;
         }
         link_locked(Qlist[i][j], node);
@@ -241,6 +318,7 @@ int queue_add(int i, int j, RawMsgQueueNode *node) {
         LOG("queue is full\n");
         return -1;
     }
+    node->is_enqueuing = 0;
     return 0;
 }
 
@@ -251,8 +329,7 @@ int queue_del(int i, int j, RawMsgQueueNode **pnode) {
     const MutexGuard guard(mtx[i][j]);
     RawMsgQueueNode *record = *pnode;
     if (record != nullptr && is_linked_locked(Qlist[i][j], record)) {
-        unlink_locked(Qlist[i][j], record);
-        retire_locked(record);
+        take_out_for_host_locked(i, j, record);
     }
     count_down_locked(i, j, "assert : del queue error -1\n");
     return Qcount[i][j] < 0 ? -1 : 0;
@@ -271,19 +348,7 @@ int queue_check(int i, int j, queue_callback callback) {
     if (!queue_is_valid(i, j)) {
         return -1;
     }
-    RawMsgQueueNode *record = hold_due(i, j);
-    const MutexGuard guard(mutex_check);
-    while (record != nullptr) {
-        const Held held(i, j, record);
-        RawMsgQueueNode *next = record->next_due;
-        if (still_open(i, j, record)) {
-            record->count += 1;
-            if (callback != nullptr) {
-                callback(record, nullptr, 0);
-            }
-        }
-        record = next;
-    }
+    time_out(i, j, hold_due(i, j, has_expired), callback, [](uint32_t count) { return count + 1; });
     return 0;
 }
 
@@ -298,7 +363,18 @@ int queue_empty(int i, int j) {
     if (!queue_is_valid(i, j)) {
         return -1;
     }
-    queue_drain(i, j, nullptr, nullptr);
+    const MutexGuard guard(mtx[i][j]);
+    RawMsgQueueNode *next = nullptr;
+    for (RawMsgQueueNode *record = Qlist[i][j].head; record != nullptr; record = next) {
+        next = record->next;
+        if (record->completions != 0 || record->is_enqueuing != 0) {
+            continue;
+        }
+        unlink_locked(Qlist[i][j], record);
+        count_down_locked(i, j, "assert : empty queue error \n");
+        end_dropped_locked(record);
+        retire_locked(record);
+    }
     return 0;
 }
 
@@ -312,8 +388,7 @@ void *queue_del_buf(int i, int j, uint8_t *buf) {
         record = record->next;
     }
     if (record != nullptr) {
-        unlink_locked(Qlist[i][j], record);
-        retire_locked(record);
+        take_out_for_host_locked(i, j, record);
     }
     return nullptr;
 }
@@ -370,16 +445,18 @@ void queue_mark_done(int i, int j, RawMsgQueueNode *record) {
     record->is_done = 1;
 }
 
-void queue_retire(int i, int j, RawMsgQueueNode *record) {
+bool queue_retire(int i, int j, RawMsgQueueNode *record) {
     if (!queue_is_valid(i, j)) {
-        return;
+        return true;
     }
     const MutexGuard guard(mtx[i][j]);
+    const bool was_open = record->is_done == 0;
     if (is_linked_locked(Qlist[i][j], record)) {
         unlink_locked(Qlist[i][j], record);
         count_down_locked(i, j, "assert : del queue error -1\n");
         retire_locked(record);
     }
+    return was_open;
 }
 
 void queue_let_go(int i, int j, RawMsgQueueNode *record) {
@@ -391,33 +468,35 @@ void queue_let_go(int i, int j, RawMsgQueueNode *record) {
     release_if_unused_locked(record);
 }
 
-void queue_withdraw(int i, int j, RawMsgQueueNode *record) {
+bool queue_withdraw(int i, int j, RawMsgQueueNode *record) {
     if (!queue_is_valid(i, j)) {
         release(record); // it never was in a queue, so nobody else knows it
-        return;
+        return true;
+    }
+    const bool was_open = take_back(i, j, record);
+    if (was_open) { // else the completion, if one is still there, is done with the sender's memory
+        await_completions(i, j, record);
     }
     const MutexGuard guard(mtx[i][j]);
-    if (is_linked_locked(Qlist[i][j], record)) {
-        unlink_locked(Qlist[i][j], record);
-        count_down_locked(i, j, "assert : del queue error -1\n");
-    }
     record->has_sender = 0;
     retire_locked(record);
+    return was_open;
 }
 
-void queue_drain(int i, int j, const RawMsgQueueNode *keep, void (*dropped)()) {
-    const MutexGuard guard(mtx[i][j]);
-    RawMsgQueueNode *next = nullptr;
-    for (RawMsgQueueNode *record = Qlist[i][j].head; record != nullptr; record = next) {
-        next = record->next;
-        if (record == keep || record->completions != 0) {
-            continue;
-        }
-        unlink_locked(Qlist[i][j], record);
-        count_down_locked(i, j, "assert : empty queue error \n");
-        end_dropped_locked(record, dropped);
-        retire_locked(record);
+bool queue_is_retired(int i, int j, const RawMsgQueueNode *record) {
+    if (!queue_is_valid(i, j)) {
+        return false;
     }
+    const MutexGuard guard(mtx[i][j]);
+    return record->is_retired != 0;
+}
+
+void queue_time_out_all(int i, int j, uint32_t count, queue_callback callback) {
+    if (!queue_is_valid(i, j)) {
+        return;
+    }
+    time_out(i, j, hold_due(i, j, is_in_the_queue), callback,
+             [count](uint32_t /*so_far*/) { return count; });
 }
 
 void queue_age(int i, int j, int32_t ticks) {

@@ -53,12 +53,14 @@ typedef struct RawMsgQueueNode {
     struct RawMsgQueueNode **newer;   /* where that list points to this record */
     const void *home;                 /* the queue that links the record, null = none */
     void *owned_block;                /* pool block that is released together with the record */
-    uint32_t completions;             /* completions at work on the record */
-    uint8_t has_sender;               /* its sender still holds it */
-    uint8_t is_waited_for;            /* its sender sleeps on sem */
-    uint8_t is_done;                  /* ended: no further reply or time-out is for it */
-    uint8_t is_due;                   /* on a check pass's list */
-    uint8_t is_retired;               /* released as soon as nobody holds it */
+    void (*when_dropped)(void); /* tells who counts its end that it was dropped; may be null */
+    uint32_t completions;       /* completions at work on the record */
+    uint8_t has_sender;         /* its sender still holds it */
+    uint8_t is_enqueuing;       /* its sender has not got it into the queue yet */
+    uint8_t is_waited_for;      /* its sender sleeps on sem */
+    uint8_t is_done;            /* ended: no further reply or time-out is for it */
+    uint8_t is_due;             /* on a check pass's list */
+    uint8_t is_retired;         /* released as soon as nobody holds it */
 } RawMsgQueueNode;
 
 /** Called with the record, the reply's data (null = time-out) and the length from its header. */
@@ -71,13 +73,16 @@ RUK_API void queue_init(void);
  * Append a record. A queue is full from 65536 records on; the record that fills it is linked and
  * counted all the same, and adding it again neither links nor counts it twice.
  *
- * Returns 0, or -1: full (logged), null, or linked in another queue.
+ * Returns 0, or -1: full (logged), null, linked in another queue, or taken out by another thread
+ * while its sender was waiting for room.
  */
 RUK_API int queue_add(int i, int j, RawMsgQueueNode *node);
 
 /**
  * Take *pnode out of its queue and release it, at once or when its last user lets go. The count
- * falls by one whether or not the record was found. *pnode is not cleared.
+ * falls by one whether or not the record was found. *pnode is not cleared. The frame buffer in buf
+ * is the caller's to release, before or after; only that of a request whose sender waits is
+ * released by its sender, who wakes up without an answer.
  *
  * Returns 0, or -1: the count went below zero (logged).
  */
@@ -100,13 +105,17 @@ RUK_API int queue_check(int i, int j, queue_callback callback);
 RUK_API RawMsgQueueNode *queue_get(int i, int j);
 
 /**
- * Take out and release all records, except one that a completion on another thread is working on.
- * A sender that waits for one of them wakes up without an answer. Frame buffers that a record does
- * not own are left alone.
+ * Take out and release all records, except those that a completion on another thread is working on
+ * and those that their senders are still waiting to get in. A sender that waits for an answer wakes
+ * up without one; a request of the library that nobody waits for posts sem_test, as at any end.
+ * Frame buffers that a record does not own are left alone.
  */
 RUK_API int queue_empty(int i, int j);
 
-/** Take out and release the oldest record whose buf is this; the count stays. Returns null. */
+/**
+ * Take out and release the oldest record whose buf is this; the count stays. The buffer and a
+ * waiting sender as in queue_del. Returns null.
+ */
 RUK_API void *queue_del_buf(int i, int j, uint8_t *buf);
 
 #ifdef __cplusplus

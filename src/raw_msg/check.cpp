@@ -4,6 +4,7 @@
 #include "mem/locks.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/watch.h"
 #include "timer/sleep.h"
 
 #include <sys/syscall.h>
@@ -42,9 +43,22 @@ void CheckReadWaitRawMsg(int index) {
     (void)queue_check(index, READ_WAIT_QUEUE, ReadWaitCompleteMsg);
 }
 
+void end_all_requests(int index) {
+    if (!queue_is_valid(index, ACK_QUEUE)) {
+        return;
+    }
+    const CancelOff whole_pass;
+    const MutexGuard guard(find_check_lock(index));
+    queue_time_out_all(index, ACK_QUEUE, kLastCountUnwaited, AckCompleteMsg);
+    queue_time_out_all(index, ACK_WAIT_QUEUE, kLastCountWaited, AckWaitCompleteMsg);
+    queue_time_out_all(index, READ_QUEUE, kLastCountUnwaited, ReadCompleteMsg);
+    queue_time_out_all(index, READ_WAIT_QUEUE, kLastCountWaited, ReadWaitCompleteMsg);
+}
+
 void *RawMsgAckReadCheck(void *index_value) {
     const int index = static_cast<int>(reinterpret_cast<intptr_t>(index_value));
     const ThreadEnd announce_end;
+    const Watch watch(index);
     pin_to_processor(index, "RawMsgAckReadCheck");
     LOG("thread1 id : %d index = %d\n", static_cast<int>(syscall(SYS_gettid)), index);
     if (!queue_is_valid(index, ACK_QUEUE)) {

@@ -14,8 +14,6 @@
 namespace {
 
 constexpr uint32_t kCarriedOut = 0;
-constexpr uint32_t kLastResend = 3;  // non-waiting: a time-out with a higher count ends the request
-constexpr uint32_t kLastTimeOut = 3; // waiting: the third time-out ends the request
 
 std::atomic<ReadDump> g_read_dump{nullptr};
 
@@ -57,8 +55,9 @@ void finish(RawMsgQueueNode *record, int queue) {
     if (record->owned_block == nullptr && record->buf != nullptr) {
         record->owned_block = RawMsgBuffHeadGet(record->buf);
     }
-    queue_retire(interface_of(record), queue, record);
-    post_test();
+    if (queue_retire(interface_of(record), queue, record)) {
+        post_test();
+    }
 }
 
 // The end of a waiting request. Marked done first: from the post on, the data belong to the sender.
@@ -105,7 +104,7 @@ void AckCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
         LOG("wrong ack (0x%x), send msg again (%d)!\n", record->ack,
             static_cast<int>(record->count));
         send_again(record, ACK_QUEUE);
-    } else if (!is_reply && record->count > kLastResend) {
+    } else if (!is_reply && record->count >= kLastCountUnwaited) {
         LOG("wrong ack (0x%x), send msg count (%d), not send again!\n", record->ack,
             static_cast<int>(record->count));
         count_end_without_answer(record);
@@ -128,7 +127,7 @@ void ReadCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/) {
         LOG("wrong ack (0x%x), send msg again (%d)!\n", record->ack,
             static_cast<int>(record->count));
         send_again(record, READ_QUEUE);
-    } else if (!is_reply && record->count > kLastResend) {
+    } else if (!is_reply && record->count >= kLastCountUnwaited) {
         count_end_without_answer(record);
         finish(record, READ_QUEUE);
     } else if (!is_reply) {
@@ -146,7 +145,7 @@ void AckWaitCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*/
     } else if (is_reply && is_refusal(record)) {
         LOG("wrong ack (0x%x)!\n", record->ack);
         stop_and_wake(record, ACK_WAIT_QUEUE);
-    } else if (!is_reply && record->count >= kLastTimeOut) {
+    } else if (!is_reply && record->count >= kLastCountWaited) {
         LOG("no ack msg (0x%x) write error!\n", record->ack);
         count_end_without_answer(record);
         stop_and_wake(record, ACK_WAIT_QUEUE);
@@ -166,7 +165,7 @@ void ReadWaitCompleteMsg(RawMsgQueueNode *record, void *data, uint32_t /*length*
         LOG("wrong ack (0x%x)!\n", record->ack);
         record->recv_len = 0; // whatever came with a refusal is no read data
         stop_and_wake(record, READ_WAIT_QUEUE);
-    } else if (!is_reply && record->count >= kLastTimeOut) {
+    } else if (!is_reply && record->count >= kLastCountWaited) {
         record->recv_len = 0;
         LOG("no resp msg (0x%x) read error no msg!\n", record->ack);
         count_end_without_answer(record);

@@ -2,7 +2,9 @@
 
 #include "eth_raw/eth_raw.h"
 #include "log/write.h"
+#include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/watch.h"
 #include "timer/sleep.h"
 
 #include <atomic>
@@ -19,6 +21,12 @@ constexpr auto kEndPoll = 200us;
 pthread_mutex_t find_check_mtx[kInterfaces] = {
     PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
     PTHREAD_MUTEX_INITIALIZER}; // before any queue's lock
+
+[[maybe_unused]] const bool g_renews_locks = renew_in_child([] {
+    for (pthread_mutex_t &lock : find_check_mtx) {
+        lock = PTHREAD_MUTEX_INITIALIZER;
+    }
+});
 
 std::atomic<int> g_ended_threads{0};
 
@@ -51,7 +59,9 @@ int RawMsgModuleInit(int index, pthread_t *receive_thread, pthread_t *check_thre
 }
 
 int RawMsgModuleUnInit(int index) {
-    return RawSockMsgUnInit(static_cast<uint32_t>(index));
+    const int result = RawSockMsgUnInit(static_cast<uint32_t>(index));
+    end_all_requests(index);
+    return result;
 }
 
 int RawMsgRecvTaskCreate(int index, pthread_t *tid) {
@@ -61,7 +71,12 @@ int RawMsgRecvTaskCreate(int index, pthread_t *tid) {
 
 // Default scheduling on purpose: a check pass must never hold up the real-time receive thread.
 int RawMsgRecvCheckTaskCreate(int index, pthread_t *tid) {
-    return create_thread(nullptr, RawMsgAckReadCheck, as_argument(index), tid);
+    announce_watch(index);
+    const int result = create_thread(nullptr, RawMsgAckReadCheck, as_argument(index), tid);
+    if (result != 0) {
+        revoke_watch(index);
+    }
+    return result;
 }
 
 pthread_mutex_t &find_check_lock(int index) {

@@ -2,6 +2,7 @@
 #ifndef RAW_MSG_REQUEST_H
 #define RAW_MSG_REQUEST_H
 
+#include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 
 #include <optional>
@@ -13,6 +14,7 @@ struct RequestKind {
     int queue;
     bool is_waiting;            // the sender sleeps until the request has ended
     bool waits_for_room;        // on a full queue: wait until there is room, do not empty it
+    bool posts_at_end;          // its end is counted in sem_test; else the caller counts it
     const char *no_record_text; // logged when the pool has no record, or null
 };
 
@@ -30,8 +32,15 @@ uint16_t take_number(Sequence &sequence);
  */
 RawMsgQueueNode *new_request(const RequestKind &kind, int index, uint32_t addr, uint32_t payload);
 
-/** Append to the kind's queue. Returns 0; or -1 after the request has been given up (posted). */
-int enqueue(const RequestKind &kind, int index, RawMsgQueueNode *record);
+/**
+ * Append to the kind's queue. Where it waits for room the caller can be cancelled as before off.
+ * Returns 0; or -1 after the request has been given up (posted).
+ */
+int enqueue(const RequestKind &kind, int index, RawMsgQueueNode *record, const CancelOff &off);
+
+/** Start the timer and wait for the end of the request, cancelled likewise. */
+void start_and_wait(const RequestKind &kind, int index, RawMsgQueueNode *record, int32_t ticks,
+                    const CancelOff &off);
 
 /** Give up a request whose frame did not go out: log, release, post. Returns result. */
 int give_up_unsent(const RequestKind &kind, int index, RawMsgQueueNode *record, int result);

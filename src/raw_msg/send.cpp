@@ -6,6 +6,7 @@
 #include "mem/locks.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/request.h"
+#include "raw_msg/watch.h"
 
 #include <algorithm>
 #include <cstring>
@@ -17,24 +18,28 @@ constexpr RequestKind kAck{.operation = "RawSockSendOneMsgWithAck",
                            .queue = ACK_QUEUE,
                            .is_waiting = false,
                            .waits_for_room = true,
+                           .posts_at_end = true,
                            .no_record_text = nullptr};
 constexpr RequestKind kAckWait{.operation = "RawSockSendOneMsgWithAckWait",
                                .queue_name = "ACK_WAIT_QUEUE",
                                .queue = ACK_WAIT_QUEUE,
                                .is_waiting = true,
                                .waits_for_room = false,
+                               .posts_at_end = false,
                                .no_record_text = nullptr};
 constexpr RequestKind kRead{.operation = "RawSockSendMsgWithRead",
                             .queue_name = "READ_QUEUE",
                             .queue = READ_QUEUE,
                             .is_waiting = false,
                             .waits_for_room = false,
+                            .posts_at_end = true,
                             .no_record_text = nullptr};
 constexpr RequestKind kReadWait{.operation = "RawSockSendMsgWithReadWait",
                                 .queue_name = "READ_WAIT_QUEUE",
                                 .queue = READ_WAIT_QUEUE,
                                 .is_waiting = true,
                                 .waits_for_room = false,
+                                .posts_at_end = true,
                                 .no_record_text = "malloc node fail\n"};
 
 // One counter per form: the answers are matched by addr and seq within the form's own queue.
@@ -42,6 +47,13 @@ Sequence write_ack_seq{PTHREAD_MUTEX_INITIALIZER, 0};
 Sequence write_ack_wait_seq{PTHREAD_MUTEX_INITIALIZER, 0};
 Sequence read_ack_seq{PTHREAD_MUTEX_INITIALIZER, 0};
 Sequence read_wait_seq{PTHREAD_MUTEX_INITIALIZER, 0};
+
+[[maybe_unused]] const bool g_renews_locks = renew_in_child([] {
+    for (Sequence *sequence :
+         {&write_ack_seq, &write_ack_wait_seq, &read_ack_seq, &read_wait_seq}) {
+        sequence->lock = PTHREAD_MUTEX_INITIALIZER;
+    }
+});
 
 constexpr uint16_t kPlainWriteSeq = 0; // nothing answers a plain write, so nothing needs a number
 
@@ -61,10 +73,14 @@ Piece piece_at(uint32_t len, uint32_t k) {
 }
 
 // The record is queued before its frame goes out, so that no answer can come too early.
+// Where nobody looks for time-outs any more nothing goes out: its sender might wait for ever.
 int send_request(const RequestKind &kind, RawMsgQueueNode *record, int index, uint16_t model,
-                 uint8_t slot, uint8_t code, uint32_t len) {
-    if (enqueue(kind, index, record) != 0) {
+                 uint8_t slot, uint8_t code, uint32_t len, const CancelOff &off) {
+    if (enqueue(kind, index, record, off) != 0) {
         return -1;
+    }
+    if (is_unwatched(index)) {
+        return give_up_unsent(kind, index, record, -1);
     }
     const int sent =
         RawSockMsgSend(index, model, slot, record->addr, code, record->seq, record->buf, len);
@@ -98,16 +114,22 @@ RawMsgQueueNode *new_read(const RequestKind &kind, int index, uint32_t addr, uin
     return record;
 }
 
+// Counts the end of an operation, also when its thread is cancelled.
+class PostAtEnd {
+public:
+    PostAtEnd() = default;
+    ~PostAtEnd() {
+        post_test();
+    }
+    PostAtEnd(const PostAtEnd &) = delete;
+    PostAtEnd &operator=(const PostAtEnd &) = delete;
+};
+
 // The answer may have ended the request before its frame has left this thread: the timer starts
 // only if there is still something to wait for.
 void start_and_let_go(const RequestKind &kind, int index, RawMsgQueueNode *record) {
     queue_timer_start(index, kind.queue, record, kResendTicks);
     queue_let_go(index, kind.queue, record);
-}
-
-void start_and_wait(const RequestKind &kind, int index, RawMsgQueueNode *record, int32_t ticks) {
-    queue_timer_start(index, kind.queue, record, timer_ticks(ticks));
-    wait_full(record->sem);
 }
 
 } // namespace
@@ -149,13 +171,14 @@ int RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t
 
 int RawSockSendOneMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot,
                              uint32_t addr, uint8_t code, const uint8_t *data, uint32_t len) {
+    const CancelOff off; // but for the waits: a request is begun and ended whole
     RawMsgQueueNode *record = new_write(kAck, index, addr, code, data, len);
     if (record == nullptr) {
         return -1;
     }
     record->seq = take_number(write_ack_seq);
     record->requester = requester;
-    const int result = send_request(kAck, record, index, model, slot, code, len);
+    const int result = send_request(kAck, record, index, model, slot, code, len, off);
     if (result != 0) {
         return result;
     }
@@ -165,6 +188,7 @@ int RawSockSendOneMsgWithAck(uint32_t requester, int index, uint16_t model, uint
 
 int RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                               const uint8_t *data, uint32_t len, uint8_t *ack, int32_t ticks) {
+    const PostAtEnd post_at_end;
     int result = 0;
     for (uint32_t k = 0; k < piece_count(len); k++) {
         const Piece piece = piece_at(len, k);
@@ -177,25 +201,25 @@ int RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t 
                 index, model, slot, addr + piece.offset, static_cast<int>(piece.len), *ack);
         }
     }
-    post_test();
     return result;
 }
 
 int RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr,
                                  uint8_t code, const uint8_t *data, uint32_t len, uint8_t *ack,
                                  int32_t ticks) {
+    const CancelOff off; // but for the waits: a request is begun and ended whole
     RawMsgQueueNode *record = new_write(kAckWait, index, addr, code, data, len);
     if (record == nullptr) {
         return -1;
     }
     record->seq = take_number(write_ack_wait_seq);
-    const int result = send_request(kAckWait, record, index, model, slot, code, len);
+    const int result = send_request(kAckWait, record, index, model, slot, code, len, off);
     if (result != 0) {
         return result;
     }
-    start_and_wait(kAckWait, index, record, ticks);
+    start_and_wait(kAckWait, index, record, ticks, off);
     *ack = static_cast<uint8_t>(record->ack);
-    queue_withdraw(index, kAckWait.queue, record);
+    (void)queue_withdraw(index, kAckWait.queue, record);
     if (*ack == kNoReply) {
         LOG("ack failed, no ack\n");
         return -1;
@@ -206,13 +230,14 @@ int RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32
 int RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot,
                            uint32_t addr, uint8_t code, uint32_t len, uint8_t *read_buf,
                            uint32_t * /*out_len*/) {
+    const CancelOff off; // but for the waits: a request is begun and ended whole
     RawMsgQueueNode *record = new_read(kRead, index, addr, code, len, read_buf);
     if (record == nullptr) {
         return -1;
     }
     record->seq = take_number(read_ack_seq);
     record->requester = requester;
-    const int result = send_request(kRead, record, index, model, slot, code, len);
+    const int result = send_request(kRead, record, index, model, slot, code, len, off);
     if (result != 0) {
         return result;
     }
@@ -222,18 +247,19 @@ int RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_
 
 int RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                uint32_t len, uint8_t *read_buf, uint32_t *out_len, int32_t ticks) {
+    const CancelOff off; // but for the waits: a request is begun and ended whole
     RawMsgQueueNode *record = new_read(kReadWait, index, addr, code, len, read_buf);
     if (record == nullptr) {
         return -1;
     }
     record->seq = take_number(read_wait_seq);
-    const int result = send_request(kReadWait, record, index, model, slot, code, len);
+    const int result = send_request(kReadWait, record, index, model, slot, code, len, off);
     if (result != 0) {
         return result;
     }
-    start_and_wait(kReadWait, index, record, ticks);
+    start_and_wait(kReadWait, index, record, ticks, off);
     *out_len = record->recv_len;
-    queue_withdraw(index, kReadWait.queue, record);
+    (void)queue_withdraw(index, kReadWait.queue, record);
     if (*out_len == 0 || *out_len > kMaxPayload) {
         LOG("#######error read index:%d slot:%d model:%d addr:0x%x length:%d failed:*length=%d, "
             "timeout or ack error\n",

@@ -1,8 +1,8 @@
 // timer.h - the 30 ms tick and the countdowns of outstanding requests.
 //
 // SIGALRM only counts; timerUpdate takes the counted ticks and ages the timers of queued records.
-// One tick is 30 ms. The count is one for the whole process: with check threads on two interfaces,
-// each update takes all ticks counted so far and the other thread sees none of them.
+// One tick is 30 ms. The count is one for the whole process; an update that takes ticks keeps them
+// for the other interfaces that are updated too, so each interface is aged by all of them.
 #ifndef TIMER_TIMER_H
 #define TIMER_TIMER_H
 
@@ -21,7 +21,7 @@ typedef struct Timer {
     int32_t expired;   /* 1 when an expiry has not been consumed yet */
 } Timer;
 
-/** Ticks counted and not yet taken by timerUpdate. */
+/** Ticks counted and not yet taken by a timerUpdate of any interface. */
 extern RUK_API int32_t elapsed;
 
 /**
@@ -49,7 +49,8 @@ RUK_API void timerStop(Timer *t);
 RUK_API int timerExpired(Timer *t);
 
 /**
- * Take the counted ticks and age the timers of the first nqueues queues of an interface. Several
+ * Take the counted ticks, also those that updates of other interfaces took since this interface's
+ * last one, and age the timers of the first nqueues queues of an interface. Several
  * expiries that fall into one update are reported as one, and the timer starts over in full.
  *
  *   index    interface, 0..2; any other is ignored and takes no ticks

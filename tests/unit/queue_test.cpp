@@ -117,10 +117,17 @@ int find(uint32_t addr, uint16_t seq, queue_callback callback = note_call) {
     return queue_find(0, 0, addr, 0, seq, 0, callback, nullptr);
 }
 
+int g_dropped = 0;
+
+void count_drop() {
+    g_dropped += 1;
+}
+
 class QueueTest : public testing::Test {
 protected:
     void SetUp() override {
         queue_init();
+        g_dropped = 0;
         g_calls.clear();
         g_reaction = nullptr;
         handed_out_before_ = mem_handed_out();
@@ -275,17 +282,66 @@ TEST_F(FullQueue, AcceptsTheRepeatedAddOnceThereIsRoom) {
 
 TEST_F(FullQueue, IsEmptiedForTheRecordThatFilledIt) {
     last_->has_sender = 1;
+    last_->is_enqueuing = 1;
     (void)queue_add(0, 0, last_);
-    static int dropped = 0;
-    dropped = 0;
-    queue_drain(0, 0, last_, [] { dropped += 1; });
-    EXPECT_EQ(dropped, kCapacity - 1);
+    for (RawMsgQueueNode *record : content()) {
+        record->when_dropped = count_drop;
+    }
+    EXPECT_EQ(queue_empty(0, 0), 0);
+    EXPECT_EQ(g_dropped, kCapacity - 1);
     EXPECT_EQ(content(), Records{last_});
     EXPECT_EQ(out(), 1);
     EXPECT_EQ(queue_add(0, 0, last_), 0);
     EXPECT_EQ(content(), Records{last_});
-    queue_withdraw(0, 0, last_);
+    EXPECT_TRUE(queue_withdraw(0, 0, last_));
     EXPECT_EQ(count_out(), 0);
+    EXPECT_EQ(g_dropped, kCapacity - 1);
+}
+
+// Two senders have found the queue full. What one of them empties, the other one is still adding.
+TEST_F(FullQueue, IsNotEmptiedOfARecordThatAnotherSenderIsStillAdding) {
+    RawMsgQueueNode *other = new_record(0xABCE, 8);
+    for (RawMsgQueueNode *record : {last_, other}) {
+        record->has_sender = 1;
+        record->is_enqueuing = 1;
+        record->when_dropped = count_drop;
+        EXPECT_EQ(queue_add(0, 0, record), -1);
+    }
+    EXPECT_EQ(queue_empty(0, 0), 0);
+    EXPECT_EQ(content(), (Records{last_, other}));
+    EXPECT_EQ(g_dropped, 0);
+    EXPECT_EQ(queue_add(0, 0, last_), 0);
+    EXPECT_EQ(queue_add(0, 0, other), 0);
+    EXPECT_EQ(queue_empty(0, 0), 0); // now both are in, and go
+    EXPECT_EQ(content(), Records{});
+    EXPECT_EQ(g_dropped, 2);
+    EXPECT_EQ(out(), 2); // their senders still hold them
+    EXPECT_FALSE(queue_withdraw(0, 0, last_));
+    EXPECT_FALSE(queue_withdraw(0, 0, other));
+    EXPECT_EQ(out(), 0);
+}
+
+// A reply to an older request with the same number must not end one that has not been sent.
+TEST_F(FullQueue, KeepsRepliesAndTimeOutsFromARecordThatIsStillBeingAdded) {
+    last_->is_enqueuing = 1;
+    EXPECT_EQ(queue_add(0, 0, last_), -1);
+    (void)find(0xABCD, 7);
+    queue_time_out_all(0, 0, 4, note_call);
+    EXPECT_EQ(g_calls.size(), static_cast<size_t>(kCapacity - 1));
+    EXPECT_EQ(content().back(), last_);
+    EXPECT_EQ(last_->count, 0U);
+    last_->is_enqueuing = 0;
+}
+
+TEST_F(FullQueue, DoesNotTakeBackARecordThatAHostHasTakenOut) {
+    last_->has_sender = 1;
+    last_->is_enqueuing = 1;
+    EXPECT_EQ(queue_add(0, 0, last_), -1);
+    delete_record(last_);
+    EXPECT_TRUE(queue_is_retired(0, 0, last_));
+    EXPECT_EQ(queue_add(0, 0, last_), -1);
+    EXPECT_EQ(content().size(), static_cast<size_t>(kCapacity - 1));
+    EXPECT_FALSE(queue_withdraw(0, 0, last_));
 }
 
 TEST_F(FullQueue, ReportsEveryExpiredRecord) {
@@ -995,14 +1051,112 @@ TEST_F(QueueHolders, AreToldOnceForEachDroppedRequestThatNobodyWaitsFor) {
     const Records records = add_records(3);
     RawMsgQueueNode *waiting = new_waiting_record();
     ASSERT_EQ(queue_add(0, 0, waiting), 0);
-    static int dropped = 0;
-    dropped = 0;
-    queue_drain(0, 0, records[1], [] { dropped += 1; });
-    EXPECT_EQ(dropped, 2);
+    for (RawMsgQueueNode *record : content()) {
+        record->when_dropped = count_drop;
+    }
+    records[1]->is_enqueuing = 1;
+    EXPECT_EQ(queue_empty(0, 0), 0);
+    EXPECT_EQ(g_dropped, 2);
     EXPECT_EQ(posts_of(waiting), 1);
     EXPECT_EQ(content(), Records{records[1]});
-    queue_withdraw(0, 0, waiting);
+    EXPECT_FALSE(queue_withdraw(0, 0, waiting));
+    records[1]->is_enqueuing = 0;
     EXPECT_EQ(count_out(), 1);
+}
+
+// What a host's own completion does: the buffer first, then the record. The buffer may have a new
+// owner in between.
+TEST_F(QueueHolders, LeaveABufferAloneThatAHostsCompletionHasReleased) {
+    RawMsgQueueNode *record = new_record(5, 5);
+    uint8_t *buf = static_cast<uint8_t *>(mem_alloc(128));
+    record->buf = buf;
+    record->owned_block = buf;
+    ASSERT_EQ(queue_add(0, 0, record), 0);
+    void *new_owners = nullptr;
+    g_reaction = [&](RawMsgQueueNode *found) {
+        mem_free(found->buf);
+        new_owners = mem_alloc(128);
+        delete_record(found);
+    };
+    (void)find(5, 5);
+    EXPECT_EQ(new_owners, buf) << "the test wants the block to be handed out again";
+    EXPECT_EQ(out(), 1);
+    void *another = mem_alloc(128);
+    EXPECT_NE(another, new_owners);
+    mem_free(another);
+    mem_free(new_owners);
+    EXPECT_EQ(out(), 0);
+}
+
+TEST_F(QueueHolders, WakeASenderWhoseRecordAHostTakesOut) {
+    uint8_t buf[1];
+    for (const bool by_buffer : {false, true}) {
+        RawMsgQueueNode *record = new_waiting_record();
+        record->buf = buf;
+        record->owned_block = mem_alloc(64);
+        ASSERT_EQ(queue_add(0, 0, record), 0);
+        RawMsgQueueNode *pointer = record;
+        if (by_buffer) {
+            EXPECT_EQ(queue_del_buf(0, 0, buf), nullptr);
+        } else {
+            EXPECT_EQ(queue_del(0, 0, &pointer), 0);
+        }
+        EXPECT_EQ(posts_of(record), 1);
+        EXPECT_EQ(record->ack, kNoReply);
+        EXPECT_FALSE(queue_withdraw(0, 0, record)); // releases record and buffer
+        EXPECT_EQ(out(), 0);
+    }
+}
+
+TEST_F(QueueHolders, TimeOutAllAtOnceWithTheCountOfTheLastTimeOut) {
+    const Records records = add_records(3);
+    timerStart(100, &records[1]->timer); // running or not
+    queue_mark_done(0, 0, records[2]);
+    queue_time_out_all(0, 0, 4, note_call);
+    EXPECT_EQ(called_records(), (Records{records[0], records[1]}));
+    EXPECT_EQ(g_calls[0].count, 4U);
+    EXPECT_EQ(g_calls[1].count, 4U);
+    EXPECT_EQ(g_calls[0].data, nullptr);
+    for (const Place at : kNoQueues) {
+        queue_time_out_all(at.i, at.j, 4, note_call);
+    }
+    queue_time_out_all(0, 0, 5, nullptr);
+    EXPECT_EQ(g_calls.size(), 2U);
+    EXPECT_EQ(records[0]->count, 5U);
+}
+
+// The reply is being copied into the sender's memory while the sender gives up.
+TEST_F(QueueHolders, WithdrawARecordOnlyWhenItsCompletionIsThrough) {
+    RawMsgQueueNode *record = new_waiting_record(5, 5);
+    ASSERT_EQ(queue_add(0, 0, record), 0);
+    std::atomic<bool> is_at_work{false};
+    std::atomic<bool> may_end{false};
+    std::atomic<bool> has_ended{false};
+    std::atomic<bool> was_withdrawn{false};
+    g_reaction = [&](RawMsgQueueNode *) {
+        is_at_work = true;
+        while (!may_end) {
+            std::this_thread::yield();
+        }
+        has_ended = true;
+        EXPECT_FALSE(was_withdrawn);
+    };
+    std::thread receiver([&] { (void)find(5, 5); });
+    while (!is_at_work) {
+        std::this_thread::yield();
+    }
+    std::thread sender([&] {
+        EXPECT_TRUE(queue_withdraw(0, 0, record));
+        was_withdrawn = true;
+        EXPECT_TRUE(has_ended);
+    });
+    while (queue_get(0, 0) != nullptr) { // the sender has begun
+        std::this_thread::yield();
+    }
+    may_end = true;
+    receiver.join();
+    sender.join();
+    EXPECT_EQ(out(), 0);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -546,6 +546,7 @@ protected:
         for (int i = 0; i < count; i++) {
             auto *record = new (mem_alloc(sizeof(RawMsgQueueNode))) RawMsgQueueNode{};
             record->addr = 0xFFFF0000;
+            record->when_dropped = queue == READ_QUEUE ? post_test : nullptr; // as a read has it
             EXPECT_EQ(queue_add(0, queue, record), 0);
         }
     }

@@ -2,7 +2,7 @@
 #include "timer/timer.h"
 
 #include "log/relaxed.h"
-#include "queue/queue.h"
+#include "queue/queue_priv.h"
 #include "timer/last_alarm.h"
 #include "timer/timer_priv.h"
 
@@ -280,6 +280,74 @@ TEST_F(TimerUpdate, LosesNoTickThatArrivesMeanwhile) {
     }
     timerUpdate(0, kKinds);
     expect_timer(timer(), kLong, kLong - kTicks * kCounters, 0);
+}
+
+TEST_F(TimerUpdate, AgesEveryInterfaceByAllTicks) {
+    for (int i = 0; i < kInterfaces; i++) {
+        timerStart(100, &timer(i));
+        timerUpdate(static_cast<uint32_t>(i), kKinds); // each takes part from here on
+    }
+    update(4, 0);
+    update(3, 1);
+    expect_timer(timer(0), 100, 96, 0);
+    expect_timer(timer(1), 100, 93, 0);
+    expect_timer(timer(2), 100, 100, 0);
+    timerUpdate(0, kKinds);
+    timerUpdate(2, kKinds);
+    timerUpdate(1, kKinds);
+    for (int i = 0; i < kInterfaces; i++) {
+        expect_timer(timer(i), 100, 93, 0);
+    }
+}
+
+TEST_F(TimerUpdate, KeepsNoTicksForAnInterfaceThatTakesNoPart) {
+    update(1000, 0);
+    timerStart(100, &timer(1));
+    update(2, 1); // its first one
+    expect_timer(timer(1), 100, 98, 0);
+    update(50, 0);
+    queue_stop_ageing(1); // its thread has ended
+    update(1000, 0);
+    update(2, 1);
+    expect_timer(timer(1), 100, 96, 0);
+    update(1000, 0);
+    queue_init(); // starts anew
+    RawMsgQueueNode record{};
+    timerStart(100, &record.timer);
+    ASSERT_EQ(queue_add(1, 0, &record), 0);
+    update(1, 1);
+    expect_timer(record.timer, 100, 99, 0);
+    queue_init();
+    queue_stop_ageing(-1);
+    queue_stop_ageing(3);
+}
+
+TEST_F(TimerUpdate, LosesNoTickAmongInterfacesThatUpdateAtOnce) {
+    constexpr int32_t kLong = 1 << 30;
+    for (int i = 0; i < kInterfaces; i++) {
+        timer(i) = {.period = kLong, .remaining = kLong, .expired = 0};
+        timerUpdate(static_cast<uint32_t>(i), kKinds);
+    }
+    std::atomic<int> at_work{0};
+    std::vector<std::thread> threads = start_counting(at_work);
+    for (uint32_t i = 0; i < kInterfaces; i++) {
+        threads.emplace_back([i, &at_work] {
+            while (at_work != 0) {
+                timerUpdate(i, kKinds);
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    for (int round = 0; round < 2; round++) { // what one takes the others still have to get
+        for (uint32_t i = 0; i < kInterfaces; i++) {
+            timerUpdate(i, kKinds);
+        }
+    }
+    for (int i = 0; i < kInterfaces; i++) {
+        expect_timer(timer(i), kLong, kLong - kTicks * kCounters, 0);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
