@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <pthread.h>
 #include <string_view>
 #include <sys/time.h>
 #include <unistd.h>
@@ -56,6 +57,30 @@ public:
     CallUnderWay(const CallUnderWay &) = delete;
     CallUnderWay &operator=(const CallUnderWay &) = delete;
 };
+
+// The C library looks the time zone up under a lock of its own, and a child whose parent was doing
+// so in another thread would wait for that lock for ever. So nobody looks it up while the process
+// forks.
+pthread_mutex_t g_time_zone = PTHREAD_MUTEX_INITIALIZER; // guards nothing of ours; leaf
+
+void stop_look_ups() {
+    (void)pthread_mutex_lock(&g_time_zone); // cannot fail on a default mutex
+}
+
+void allow_look_ups() {
+    (void)pthread_mutex_unlock(&g_time_zone);
+}
+
+[[maybe_unused]] const bool g_forks_cleanly =
+    pthread_atfork(stop_look_ups, allow_look_ups, allow_look_ups) == 0;
+
+tm local_time(time_t seconds) {
+    tm local{};
+    stop_look_ups();
+    (void)localtime_r(&seconds, &local);
+    allow_look_ups();
+    return local;
+}
 
 // "e" keeps the file out of the shells that the system starts.
 FILE *open_current_file() {
@@ -148,8 +173,7 @@ void log_write(const char *file, const char *function, int line, const char *for
 
     timeval now{};
     (void)gettimeofday(&now, nullptr);
-    tm local{};
-    (void)localtime_r(&now.tv_sec, &local);
+    const tm local = local_time(now.tv_sec);
     store_relaxed(log_lastday, local.tm_mday);
 
     FILE *log_file = open_current_file();

@@ -65,19 +65,20 @@ struct Sender {
     pthread_t thread{};
 };
 
+constexpr std::array<uint8_t, 3000> kLongData{kByte};
+
 enum Form { kWriteWait, kLongWriteWait, kReadWait, kWriteOn, kReadOn };
 
 void *send(void *argument) {
     auto &self = *static_cast<Sender *>(argument);
-    static const std::vector<uint8_t> data(3000, kByte);
     switch (self.form) {
     case kWriteWait:
         self.result =
             RawSockSendOneMsgWithAckWait(self.index, 1, 3, 0x1000, 0x11, &kByte, 1, &self.ack, 6);
         break;
     case kLongWriteWait:
-        self.result = RawSockSendMsgWithAckWait(self.index, 1, 3, 0x1000, 0x11, data.data(), 3000,
-                                                &self.ack, 6);
+        self.result = RawSockSendMsgWithAckWait(self.index, 1, 3, 0x1000, 0x11, kLongData.data(),
+                                                3000, &self.ack, 6);
         break;
     case kReadWait:
         self.result = RawSockSendMsgWithReadWait(self.index, 1, 3, 0x1000, 0, 4,
