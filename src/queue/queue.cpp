@@ -1,5 +1,6 @@
 #include "queue/queue.h"
 
+#include "log/relaxed.h"
 #include "log/write.h"
 #include "mem/locks.h"
 #include "mem/mem.h"
@@ -25,7 +26,7 @@ struct SeqIndex {
 
 RecordList Qlist[kQueueInterfaces][kQueueKinds];         // each guarded by its mtx
 SeqIndex Qindex[kQueueInterfaces][kQueueKinds];          // likewise, of the same records
-int32_t Qcount[kQueueInterfaces][kQueueKinds];           // each guarded by its mtx
+int32_t Qcount[kQueueInterfaces][kQueueKinds];           // likewise; queue_depth takes no lock
 pthread_mutex_t mtx[kQueueInterfaces][kQueueKinds];      // only mutex_mem is taken under one
 pthread_mutex_t mutex_find = PTHREAD_MUTEX_INITIALIZER;  // reply callbacks; mtx is taken under it
 pthread_mutex_t mutex_check = PTHREAD_MUTEX_INITIALIZER; // time-out callbacks; likewise
@@ -255,7 +256,7 @@ void take_out_for_host_locked(int i, int j, RawMsgQueueNode *record) {
 });
 
 void count_down_locked(int i, int j, const char *message) {
-    Qcount[i][j] -= 1;
+    store_relaxed(Qcount[i][j], Qcount[i][j] - 1);
     if (Qcount[i][j] < 0) {
         LOG("%s", message);
     }
@@ -296,7 +297,7 @@ void queue_init(void) {
             const MutexGuard guard(mtx[i][j]);
             Qlist[i][j] = {};
             Qindex[i][j] = {};
-            Qcount[i][j] = 0;
+            store_relaxed(Qcount[i][j], 0);
         }
     }
 }
@@ -312,7 +313,7 @@ int queue_add(int i, int j, RawMsgQueueNode *node) {
         }
         link_locked(Qlist[i][j], node);
         add_to_index_locked(Qindex[i][j], node);
-        Qcount[i][j] += 1;
+        store_relaxed(Qcount[i][j], Qcount[i][j] + 1);
     }
     if (Qcount[i][j] >= kQueueCapacity) {
         LOG("queue is full\n");
@@ -415,8 +416,7 @@ bool queue_offer(int i, int j, uint32_t addr, uint32_t ack, uint16_t seq, uint32
 }
 
 int32_t queue_depth(int i, int j) {
-    const MutexGuard guard(mtx[i][j]);
-    return Qcount[i][j];
+    return load_relaxed(Qcount[i][j]);
 }
 
 void queue_timer_start(int i, int j, RawMsgQueueNode *record, uint16_t ticks) {

@@ -22,7 +22,8 @@ bool queue_is_valid(int i, int j);
 bool queue_offer(int i, int j, uint32_t addr, uint32_t ack, uint16_t seq, uint32_t recv_len,
                  queue_callback callback, void *data);
 
-/** The number of requests in a queue. Below zero when hosts deleted what was not in it. */
+/** The number of requests in a queue. Below zero when hosts deleted what was not in it. Takes no
+ * lock. */
 int32_t queue_depth(int i, int j);
 
 /** Start the record's timer, unless the request has ended meanwhile. */

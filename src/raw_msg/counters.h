@@ -1,6 +1,6 @@
 // counters.h - what the links, the requests and the memory pool have been through, as numbers.
 //
-// Threads: any number at once.  Locks: the queues' and the pool's, one after the other, briefly.
+// Threads: any number at once.  Locks: the pool's, briefly.
 // Signal handlers: no; let the handler wake a thread that calls this.
 #ifndef RAW_MSG_COUNTERS_H
 #define RAW_MSG_COUNTERS_H
@@ -33,7 +33,7 @@ typedef struct ruk_counter_set {
     uint64_t send_errors[RUK_COUNTED_LINKS];       /* frames that did not go out */
     uint64_t resends[RUK_COUNTED_LINKS];           /* of frames_sent: sent again by themselves */
     uint64_t timeouts[RUK_COUNTED_LINKS];          /* waits for an answer that ran out */
-    uint64_t unanswered[RUK_COUNTED_LINKS];        /* requests whose last time-out has passed */
+    uint64_t unanswered[RUK_COUNTED_LINKS];        /* requests that ended without an answer */
     uint64_t queue_overflows[RUK_COUNTED_LINKS];   /* full queues that were emptied */
     uint64_t frames_received[RUK_COUNTED_LINKS];   /* frames of any kind */
     uint64_t bytes_received[RUK_COUNTED_LINKS];    /* in these, at most 1450 of each */

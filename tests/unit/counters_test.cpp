@@ -444,6 +444,14 @@ TEST_P(CountersOfSilence, CountTheEndOfAWaitAtTheThirdTimeOut) {
 INSTANTIATE_TEST_SUITE_P(Forms, CountersOfSilence,
                          testing::Values(int{ACK_WAIT_QUEUE}, int{READ_WAIT_QUEUE}));
 
+TEST_F(Counters, CountRequestsThatEndWithTheirLink) {
+    (void)write_without_waiting(0);
+    (void)queue_waiting(0, READ_WAIT_QUEUE);
+    (void)write_without_waiting(1);
+    EXPECT_EQ(on_links([] { (void)RawMsgModuleUnInit(0); }),
+              (Changes{{"timeouts0", 2}, {"unanswered0", 2}, {"queued00", -1}}));
+}
+
 // --- queues ---
 
 TEST_F(Counters, CountRequestsUnderWay) {
