@@ -27,8 +27,8 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 constexpr std::string_view kNames[] = {"fuzz.bin",     "fuzz.BIN", "fuzz.Bin", "fuzz.dat",
-                                       "fuzz.bin.dat", "fuzz.txt", "fuzz.bIn"};
-constexpr size_t kNamesOfFirmware[] = {0, 1, 2, 4};
+                                       "fuzz.bin.dat", "fuzz.txt", "fuzz.bIn", "fuzz's.bin"};
+constexpr size_t kNamesOfFirmware[] = {0, 1, 2, 4, 7};
 constexpr std::string_view kImage = "/home/updatebin.tmp";
 
 constexpr size_t kFields = 7;
@@ -41,6 +41,8 @@ enum Trouble : uint8_t {
     kNone,
     kMissing,    // there is no firmware
     kClosed,     // it cannot be opened
+    kDirectory,  // it is one
+    kTooLarge,   // it has a byte more than a head can say
     kUnreadable, // it can, but not read
     kNoImage,    // the temporary file cannot be opened
     kDiskFull,   // it cannot grow beyond so many bytes
@@ -58,7 +60,7 @@ struct Story {
     uint8_t status;   // with what
     bool is_request;  // comes as a request to the service
     uint8_t kind;     // of it
-    uint8_t name_cut; // how many characters of the name it leaves out
+    uint8_t cut;      // how many bytes of its data it leaves out
     uint8_t tool;     // what the programming tool returns
     Bytes firmware;
 };
@@ -90,7 +92,7 @@ Story read_story(const uint8_t *data, size_t size) {
     story.status = head.byte();
     story.is_request = head.byte() % 2 == 1;
     story.kind = head.byte();
-    story.name_cut = head.byte();
+    story.cut = head.byte();
     story.tool = head.byte();
     constexpr size_t kHeadSize = 14;
     story.firmware.assign(data + std::min(size, kHeadSize), data + size);
@@ -177,13 +179,14 @@ Bytes content_of_image() {
 
 void check_transfer(const Story &story, int result) {
     const Bytes image = image_of(story.firmware);
-    if (story.trouble == kClosed || story.trouble == kNoImage) {
+    if (story.trouble == kClosed || story.trouble == kDirectory || story.trouble == kNoImage) {
         std::vector<Write> fields = transfer(story, {});
         (void)end_at_the_refusal(story, fields);
         check_sent(fields, result, -1);
         return;
     }
-    if (story.trouble == kUnreadable || !fits_the_disk(story, image)) {
+    if (story.trouble == kUnreadable || story.trouble == kTooLarge ||
+        !fits_the_disk(story, image)) {
         check_sent({}, result, -1);
         require(content_of_image().empty(), "no part of a firmware stays in the temporary file");
         return;
@@ -216,8 +219,9 @@ class FullDisk {
 public:
     explicit FullDisk(const Story &story) {
         require(getrlimit(RLIMIT_FSIZE, &unlimited_) == 0, "the limit of files can be had");
-        if (story.trouble == kDiskFull) {
-            const rlimit limited{.rlim_cur = story.bytes, .rlim_max = unlimited_.rlim_max};
+        if (story.trouble == kDiskFull || story.trouble == kTooLarge) {
+            const rlim_t bytes = story.trouble == kDiskFull ? story.bytes : 0; // nothing is copied
+            const rlimit limited{.rlim_cur = bytes, .rlim_max = unlimited_.rlim_max};
             require(setrlimit(RLIMIT_FSIZE, &limited) == 0, "the limit of files can be set");
         }
     }
@@ -233,8 +237,9 @@ private:
 
 int run_alone(const Story &story) {
     const FullDisk disk(story);
-    return sys_update(std::string(story.name).c_str(), static_cast<int16_t>(story.device_type),
-                      story.slot);
+    constexpr int kIgnoredBits = 0x70000; // above those of slot and device type
+    return update_firmware(story.slot | kIgnoredBits, story.device_type | kIgnoredBits,
+                           std::string(story.name).c_str());
 }
 
 constexpr size_t kRequestHead = 14;
@@ -242,21 +247,22 @@ constexpr size_t kHeads = 38;
 constexpr size_t kHeader = 40;
 constexpr size_t kKindSize = 4;
 
-// The message of docs/service.md, up to its name's last character: nothing ends it.
-Bytes message_of(const Story &story, std::string_view name) {
+// The message of docs/service.md; nothing ends its name.
+Bytes message_of(const Story &story) {
+    Bytes data = le(story.kind, kKindSize);
+    data.insert(data.end(), story.name.begin(), story.name.end());
+    data.resize(data.size() - story.cut % (data.size() + 1));
     Bytes message = le(0x040A5500, 4);
     message.resize(16);
     message.insert(message.end(), {0, 0, 28, 0, 0, 0, 0, 0, 0x55, 0xFE, 0xEF, story.slot});
-    for (const Bytes &field :
-         {le(story.device_type, 2), le(0x0605, 2), le(0, 4),
-          le(static_cast<uint32_t>(kKindSize + name.size()), 2), le(story.kind, kKindSize)}) {
-        message.insert(message.end(), field.begin(), field.end());
+    for (const Bytes &part : {le(story.device_type, 2), le(0x0605, 2), le(0, 4),
+                              le(static_cast<uint32_t>(data.size()), 2), data}) {
+        message.insert(message.end(), part.begin(), part.end());
     }
-    message.insert(message.end(), name.begin(), name.end());
     return message;
 }
 
-void check_reply(const Story &story, const Bytes &message, int result) {
+void check_reply(uint32_t kind, const Bytes &message, int result) {
     Bytes expected(message.begin(), message.begin() + kHeads);
     const auto put = [&expected](size_t at, const Bytes &bytes) {
         std::copy(bytes.begin(), bytes.end(), expected.begin() + static_cast<ptrdiff_t>(at));
@@ -265,46 +271,51 @@ void check_reply(const Story &story, const Bytes &message, int result) {
     put(8, le(0, 4));
     put(12, le(static_cast<uint32_t>(result), 4));
     expected[24] = 0x3B;
-    for (const Bytes &field : {le(story.kind, kKindSize), le(0, 2)}) {
+    for (const Bytes &field : {le(kind, kKindSize), le(0, 2)}) {
         expected.insert(expected.end(), field.begin(), field.end());
     }
     require(g_reply == expected, "the requester gets the result");
 }
 
-const char *tool_line(uint8_t kind) {
-    switch (kind) {
-    case 0x16:
-        return "/usr/telva/bin/mcu_isp -B input  -C 0x31 -b ";
-    case 0x17:
-        return "/usr/telva/bin/mcu_isp -B output  -C 0x31 -b ";
-    default:
-        return "/usr/telva/bin/mcu_isp -B vpu     -C 0x31 -b ";
-    }
+std::string tool_line(uint8_t kind, std::string_view name) {
+    const char *card = kind == 0x16 ? "input " : kind == 0x17 ? "output " : "vpu    ";
+    const bool has_quote = name.find('\'') != std::string_view::npos;
+    return std::string("/usr/telva/bin/mcu_isp -B ") + card + " -C 0x31 -b " +
+           (has_quote ? R"('fuzz'\''s.bin')" : std::string(name)) +
+           (kind == 0x18 ? " -r 0x00 " : " ");
 }
 
-void check_request(const Story &story) {
-    const std::string_view name =
-        story.name.substr(0, story.name.size() - story.name_cut % (story.name.size() + 1));
-    const Bytes message = message_of(story, name);
-    Bytes request(message.begin() + (kHeads - kRequestHead), message.end()); // exactly as long
-    Bytes head(message.begin(), message.begin() + kHeader);
-    int result = 0;
-    {
-        const FullDisk disk(story);
-        result = update_file_handle(head.data(), request.data());
-    }
-    check_reply(story, message, result);
+void check_carried_out(const Story &story, std::string_view name, int result) {
     const bool is_found = name == story.name && story.trouble != kMissing;
     if (is_found && story.kind >= 0x16 && story.kind <= 0x18) {
-        require(result == story.tool && g_writes.empty() && g_commands.size() == 1 &&
-                    g_commands[0] == std::string(tool_line(story.kind)) + std::string(name) +
-                                         (story.kind == 0x18 ? " -r 0x00 " : " "),
+        require(result == story.tool && g_writes.empty() &&
+                    g_commands == std::vector{tool_line(story.kind, name)},
                 "the programming tool gets the file");
     } else if (is_found && (story.kind < 0x19 || story.kind > 0x1E)) {
         check_sent({}, result, 0);
     } else {
         check_update(story, name, result);
     }
+}
+
+void check_request(const Story &story) {
+    const Bytes message = message_of(story);
+    Bytes request(message.begin() + (kHeads - kRequestHead), message.end()); // exactly as long
+    Bytes head = message; // as the hand-over keeps it
+    head.resize(kHeader);
+    int result = 0;
+    {
+        const FullDisk disk(story);
+        result = update_file_handle(head.data(), request.data());
+    }
+    if (message.size() < kHeads + kKindSize) {
+        check_reply(0, message, result);
+        check_sent({}, result, -1);
+        return;
+    }
+    check_reply(story.kind, message, result);
+    const std::string name(message.begin() + kHeads + kKindSize, message.end());
+    check_carried_out(story, name, result);
 }
 
 // Log lines and progress are made, for the sake of their arguments, and go nowhere.
@@ -359,6 +370,9 @@ void begin(const Story &story) {
     g_commands.clear();
     g_reply.clear();
     fill(g_firmware, story.firmware);
+    constexpr off_t kOneByteTooMany = 0xFFFFFF00;
+    require(story.trouble != kTooLarge || ftruncate(g_firmware, kOneByteTooMany) == 0,
+            "a file may have holes");
     fill(g_image, Bytes(300, 0x99)); // of an older update
 }
 
@@ -404,6 +418,9 @@ int __wrap_open(const char *name, int flags, ...) {
     }
     if (!is_there(name) || (is_firmware(name) && g_story.trouble == kClosed)) {
         return refuse(is_there(name) ? EACCES : ENOENT);
+    }
+    if (is_firmware(name) && g_story.trouble == kDirectory) {
+        return __real_open("/", flags);
     }
     if (is_firmware(name) && g_story.trouble == kUnreadable) {
         return __real_open("/proc/self/mem", flags); // nothing lies at 0
