@@ -1,11 +1,13 @@
 #include "run.h"
 
 #include "ap_msg/message_layout.h"
+#include "ap_msg/update_layout.h"
 #include "exchange.h"
 #include "files.h"
 #include "picture.h"
 #include "reply.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -213,13 +215,31 @@ bool check_picture(const Arguments &arguments, Outcome &outcome) {
     return wrong.empty() || fail(outcome, Status::kFailed, "put-picture: " + wrong);
 }
 
-bool is_sent_by_service(const std::string &file) {
+bool has_ending_of_firmware(const std::string &file) {
     for (const char *mark : {".BIN", ".bin", ".Bin"}) {
         if (file.find(mark) != std::string::npos) {
             return true;
         }
     }
     return false;
+}
+
+bool is_sent_by_service(const Arguments &arguments) {
+    return arguments.kind >= kFirstSentKind && arguments.kind <= kLastKind &&
+           has_ending_of_firmware(arguments.file);
+}
+
+// Those that the service sends to a card itself; the programming tool has limits of its own.
+bool check_firmware(const Arguments &arguments, Outcome &outcome) {
+    struct stat found {};
+    if (arguments.command->code != message::kCodeUpdate || !is_sent_by_service(arguments) ||
+        arguments.dry_run || stat(arguments.file.c_str(), &found) != 0 ||
+        static_cast<uint64_t>(found.st_size) <= update::kLargestFirmware) {
+        return true; // whatever else is wrong with it, the service will tell
+    }
+    return fail(outcome, Status::kFailed,
+                "update: '" + arguments.file + "' has " + std::to_string(found.st_size) +
+                    " bytes, a firmware has at most " + std::to_string(update::kLargestFirmware));
 }
 
 // The service reports success for what it leaves alone; for the user it is none.
@@ -230,7 +250,7 @@ std::string left_alone(const Arguments &arguments) {
     if (arguments.kind < kFirstKind || arguments.kind > kLastKind) {
         return "the service knows kinds 0x16 to 0x1e only, so nothing was updated";
     }
-    if (arguments.kind >= kFirstSentKind && !is_sent_by_service(arguments.file)) {
+    if (arguments.kind >= kFirstSentKind && !has_ending_of_firmware(arguments.file)) {
         return "the service sends files with .bin in their name only, so nothing was updated";
     }
     return {};
@@ -294,7 +314,8 @@ std::string describe(const Arguments &arguments, uint32_t addr, uint32_t len) {
 Outcome run(const Arguments &arguments) {
     Outcome outcome;
     std::vector<uint8_t> bytes;
-    if (!gather_input(arguments, bytes, outcome) || !check_picture(arguments, outcome)) {
+    if (!gather_input(arguments, bytes, outcome) || !check_picture(arguments, outcome) ||
+        !check_firmware(arguments, outcome)) {
         return outcome;
     }
     outcome.total = arguments.len + static_cast<uint32_t>(bytes.size());

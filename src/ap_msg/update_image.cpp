@@ -6,20 +6,13 @@
 #include "ap_msg/update_layout.h"
 #include "log/write.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <limits>
 #include <numeric>
 #include <sys/stat.h>
 #include <utility>
 
 namespace {
-
-// What the head and get_file_size can say of the image.
-constexpr uint64_t kLargestImage =
-    std::min<uint64_t>(std::numeric_limits<uint32_t>::max(), std::numeric_limits<long>::max());
-constexpr uint64_t kLargestFirmware = kLargestImage - update::kHeadSize;
 
 struct Firmware {
     uint64_t size = 0;
@@ -27,11 +20,11 @@ struct Firmware {
 };
 
 bool is_refused(uint64_t size) {
-    if (size <= kLargestFirmware) {
+    if (size <= update::kLargestFirmware) {
         return false;
     }
     LOG("update: firmware of more than %llu bytes\n",
-        static_cast<unsigned long long>(kLargestFirmware));
+        static_cast<unsigned long long>(update::kLargestFirmware));
     return true;
 }
 

@@ -4,6 +4,10 @@
 
 #include "eth_raw/frame_layout.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
 namespace update {
 
 constexpr char kImageFile[] = "/home/updatebin.tmp"; // the head and the firmware behind it
@@ -13,6 +17,11 @@ constexpr size_t kHeadSize = 256;
 constexpr Field kFirmwareSize{0, 4};
 constexpr Field kFirmwareChecksum{130, 2}; // kFirmwareChecksumStart and all bytes, modulo 65536
 constexpr uint16_t kFirmwareChecksumStart = 0x5555;
+
+// What the head and get_file_size can say of the file that is sent.
+constexpr uint64_t kLargestImage =
+    std::min<uint64_t>(std::numeric_limits<uint32_t>::max(), std::numeric_limits<long>::max());
+constexpr uint64_t kLargestFirmware = kLargestImage - kHeadSize;
 
 // Where file_info goes, field by field.
 constexpr uint32_t kTotalFilesSize = 0x11F00000;

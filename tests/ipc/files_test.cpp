@@ -234,6 +234,25 @@ TEST_F(Files, OfPicturesMustHoldThem) {
     EXPECT_EQ(service.received(4).size(), 4U); // the three that fit, and the greeting
 }
 
+// A head in front of it would make it longer than 32 bits can count.
+TEST_F(Files, OfFirmwareFitTheirHead) {
+    const Service service(test::do_nothing);
+    make_file(path("f.bin"), "");
+    std::filesystem::resize_file(path("f.bin"), 0xFFFFFF00); // takes no room
+    const auto refused = run_client({"update", "19", path("f.bin")});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "ruk-ipc: update: '" + path("f.bin") +
+                               "' has 4294967040 bytes, a firmware has at most 4294967039\n");
+    const test::Words asked[] = {{"--timeout", "50", "update", "16", path("f.bin")},
+                                 {"--timeout", "50", "update", "19", path("g.bin")}};
+    make_file(path("g.bin"), "");
+    std::filesystem::resize_file(path("g.bin"), 0xFFFFFEFF);
+    for (const test::Words &words : asked) {
+        EXPECT_EQ(run_client(words).status, 3); // by the service, which is silent here
+    }
+    EXPECT_EQ(service.received(2).size(), 2U);
+}
+
 TEST_F(Files, OfPicturesAreNoPipesAndNoDirectories) {
     ASSERT_EQ(mkfifo(path("p.bmp").c_str(), 0600), 0);
     for (const std::string &name : {path("p.bmp"), root_.string()}) {
