@@ -51,6 +51,11 @@ size_t character_size(std::string_view text) {
     return 0;
 }
 
+HeapBytes room_for(std::string_view text) {
+    const ErrnoKeeper keep_errno; // the line may tell its reason
+    return heap_bytes(bytes_of(text.size(), kEscapedSize) + 1);
+}
+
 uint8_t *escape(uint8_t *to, uint8_t byte) {
     constexpr unsigned kDigitBits = 4;
     constexpr unsigned kDigit = 0xF;
@@ -62,9 +67,7 @@ uint8_t *escape(uint8_t *to, uint8_t byte) {
 
 } // namespace
 
-Shown::Shown(std::string_view text) {
-    const ErrnoKeeper keep_errno; // the line may tell its reason
-    copy_ = heap_bytes(bytes_of(text.size(), kEscapedSize) + 1);
+Shown::Shown(std::string_view text) : copy_(room_for(text)) {
     uint8_t *to = copy_.get();
     while (to != nullptr && !text.empty()) {
         const size_t size = character_size(text);
