@@ -1,5 +1,6 @@
 #include "eth_raw/eth_raw.h"
 
+#include "eth_raw/eth_raw_priv.h"
 #include "log/errno_keeper.h"
 #include "log/relaxed.h"
 #include "mem/locks.h"
@@ -15,17 +16,21 @@ constexpr int kBytesPerLine = 16;
 } // namespace
 
 void print_msg(const uint8_t *buf, int n) {
+    dump_frame(buf == gRecvBuffer ? "recv" : "send", buf, n);
+}
+
+void dump_frame(const char *word, const uint8_t *frame, int n) {
     if (load_relaxed(print_flag) == 0) {
         return;
     }
     const ErrnoKeeper keep_errno;
     const StdoutGuard whole_dump; // the other thread's would mix with it on the screen
-    printf("%s: \n", buf == gRecvBuffer ? "recv" : "send");
+    printf("%s: \n", word);
     for (int i = 0; i < n; i++) {
         if (i % kBytesPerLine == 0) {
             printf("\n");
         }
-        printf("%02x ", buf[i]);
+        printf("%02x ", frame[i]);
     }
     printf("\n");
 }

@@ -3,7 +3,10 @@
 // Every request and every answer is one Ethernet frame of the system's own format, see
 // docs/protocol.md. One packet socket and one link record per interface, index 0, 1, 2 for "eth0",
 // "eth1", "eth2". An index out of range fails and touches nothing.
-// Threads: any may send; one per process may receive (they share one receive buffer).
+// A link is up once its socket is bound, and for RawMsgModuleInit once its check thread runs, until
+// it is closed: sends on any other fail with EBADF, and nothing goes out.
+// Threads: any may send, also while the link is opened or closed; one per process may call
+//          RawSockMsgRecv, whose buffer exists once.
 // Locks:   each record's send lock, a leaf, held around one transmission.
 #ifndef ETH_RAW_ETH_RAW_H
 #define ETH_RAW_ETH_RAW_H
@@ -39,7 +42,10 @@ extern RUK_API eth_init g_eth_init[MAX_ETH];
 /** Nonzero: dump every frame sent and received on standard output. 0 at start. */
 extern RUK_API int print_flag;
 
-/** The frame received last, whatever its interface. Valid until the next receive. */
+/**
+ * The frame that RawSockMsgRecv received last, whatever its interface. Valid until its next call.
+ * The receive threads have buffers of their own.
+ */
 extern RUK_API uint8_t gRecvBuffer[1450];
 
 /**
@@ -68,10 +74,20 @@ RUK_API int init_netdev(eth_init *record, uint32_t index);
  */
 RUK_API int netdev_init(eth_init *records, uint32_t count);
 
-/** Open interface index into g_eth_init and set up its send lock. Returns 0, or -1 with errno. */
+/**
+ * Open interface index into g_eth_init; its send lock is ready. Opened once more it gets another
+ * socket, and the first stays open. A socket that cannot be bound stays in the record until
+ * RawSockMsgUnInit.
+ *
+ * Returns 0, or -1 with errno.
+ */
 RUK_API int RawSockMsgInit(uint32_t index);
 
-/** Close the interface's socket, if it was ever opened. Returns -1 in every case. */
+/**
+ * Close the interface's socket, if it is open. Until it is opened again, sends and receives on it
+ * fail. Returns -1 in every case.
+ * Blocks: while a frame is being sent.
+ */
 RUK_API int RawSockMsgUnInit(uint32_t index);
 
 /**

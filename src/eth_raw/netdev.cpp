@@ -13,9 +13,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-char g_netdev_name[MAX_ETH][20] = {"eth0", "eth1", "eth2"};
-eth_init g_eth_init[MAX_ETH];
-
 namespace {
 
 // Ask the kernel about an interface by name. A name that does not fit is nobody's name; cut short
@@ -36,11 +33,12 @@ void close_keeping_errno(int sock_fd) {
     (void)close(sock_fd);
 }
 
-void fill_record(eth_init &record, uint32_t index, int sock_fd) {
-    memcpy(record.name, g_netdev_name[index], strnlen(g_netdev_name[index], sizeof record.name));
-    record.index = index;
-    record.flag = 1;
-    record.sock_fd = sock_fd;
+// A socket that cannot be bound stays recorded and open: RawSockMsgUnInit closes it.
+int bind_and_fill(eth_init &record, uint32_t index, int sock_fd) {
+    sockaddr_ll address = record.addr;
+    const int result = socket_bind(&address, sock_fd, g_netdev_name[index]);
+    link_fill(record, index, sock_fd, address, result >= 0);
+    return result;
 }
 
 } // namespace
@@ -94,9 +92,8 @@ int init_netdev(eth_init *record, uint32_t index) {
         LOG("%s:%d:socket_init() failed(%d).\n", __func__, __LINE__, sock_fd);
         return -1;
     }
-    fill_record(*record, index, sock_fd);
     LOG("eth_init[%d].sock_fd = %d.\n", static_cast<int>(index), sock_fd);
-    const int result = socket_bind(&record->addr, sock_fd, g_netdev_name[index]);
+    const int result = bind_and_fill(*record, index, sock_fd);
     if (result < 0) {
         LOG("socket_bind fail\n");
     }
@@ -114,8 +111,7 @@ int netdev_init(eth_init *records, uint32_t count) {
             LOG("%s:%d:socket_init() failed(%d).\n", __func__, __LINE__, sock_fd);
             return -1;
         }
-        fill_record(records[index], index, sock_fd);
-        const int result = socket_bind(&records[index].addr, sock_fd, g_netdev_name[index]);
+        const int result = bind_and_fill(records[index], index, sock_fd);
         if (result < 0) {
             return result;
         }
@@ -123,30 +119,22 @@ int netdev_init(eth_init *records, uint32_t count) {
     return 0;
 }
 
+// The send lock needs no set-up: it is ready from the start, and in a child of fork once more. Made
+// here it would be made under the hands of who sends while the link is opened again.
 int RawSockMsgInit(uint32_t index) {
     eth_init nowhere{}; // what an index out of range is offered instead of a record
-    eth_init *record = index < MAX_ETH ? &g_eth_init[index] : &nowhere;
-    const int result = init_netdev(record, index);
+    eth_init *record = link_record(static_cast<int>(index));
+    const int result = init_netdev(record != nullptr ? record : &nowhere, index);
     if (result < 0) {
         LOG("init_netdev(%d) failed(%d).\n", static_cast<int>(index), result);
         return -1;
     }
-    (void)pthread_mutex_init(&record->send_lock, nullptr); // cannot fail with default attributes
     return 0;
 }
 
 int RawSockMsgUnInit(uint32_t index) {
-    const eth_init *record = link_record(static_cast<int>(index));
-    if (record != nullptr && link_is_open(*record)) {
-        (void)close(record->sock_fd);
+    if (link_record(static_cast<int>(index)) != nullptr) {
+        link_close(static_cast<int>(index));
     }
     return -1;
-}
-
-eth_init *link_record(int index) {
-    return index >= 0 && index < MAX_ETH ? &g_eth_init[index] : nullptr;
-}
-
-bool link_is_open(const eth_init &record) {
-    return record.flag == 1 || record.sock_fd > 0;
 }

@@ -44,6 +44,10 @@ ssize_t send_frame(int index, const eth_init &link, const uint8_t *frame, uint32
 ssize_t send_locked(int index, eth_init &link, const uint8_t *frame, uint32_t frame_len) {
     const CancelOff whole_frame; // sendto and the pause must not leave a locked lock behind
     const MutexGuard guard(link.send_lock);
+    if (!link_is_up(index)) {
+        errno = EBADF;
+        return -1;
+    }
     print_msg(frame, static_cast<int>(frame_len));
     ssize_t sent = send_frame(index, link, frame, frame_len);
     if (errno == EAGAIN) {
@@ -57,8 +61,8 @@ ssize_t send_locked(int index, eth_init &link, const uint8_t *frame, uint32_t fr
 int transmit(int index, const uint8_t *frame, uint32_t frame_len) {
     eth_init *link = link_record(index);
     ssize_t sent = -1;
-    if (link == nullptr || !link_is_open(*link)) {
-        errno = link == nullptr ? ENODEV : EBADF;
+    if (link == nullptr) {
+        errno = ENODEV;
     } else {
         sent = send_locked(index, *link, frame, frame_len);
     }
@@ -89,22 +93,21 @@ int RawSockMsgSendAgain(int index, uint8_t *buf, uint32_t frame_len) {
     return transmit(index, RawMsgBuffHeadGet(buf), frame_len);
 }
 
-Received raw_sock_recv(int index, RawMsgHeader &header, uint8_t *&payload) {
-    const eth_init *link = link_record(index);
-    if (link == nullptr || !link_is_open(*link)) {
+Received raw_sock_recv(int index, ReceiveBuffer buffer, RawMsgHeader &header, uint8_t *&payload) {
+    const int sock_fd = link_receiving_socket(index);
+    if (sock_fd < 0) {
         return Received::kNothing;
     }
-    const ssize_t size =
-        recvfrom(link->sock_fd, gRecvBuffer, sizeof gRecvBuffer, 0, nullptr, nullptr);
-    print_msg(gRecvBuffer, static_cast<int>(size));
+    const ssize_t size = recvfrom(sock_fd, buffer.data(), buffer.size(), 0, nullptr, nullptr);
+    dump_frame("recv", buffer.data(), static_cast<int>(size));
     if (size < 0) {
         count(index, Count::kReceiveErrors);
         return Received::kNothing;
     }
     payload =
-        RawMsgHeaderUnpack(gRecvBuffer, static_cast<uint32_t>(size), &header.ack, &header.model,
+        RawMsgHeaderUnpack(buffer.data(), static_cast<uint32_t>(size), &header.ack, &header.model,
                            &header.slot, &header.code, &header.addr, &header.seq, &header.len);
-    count_received(index, {gRecvBuffer, static_cast<size_t>(size)}, payload != nullptr);
+    count_received(index, buffer.first(static_cast<size_t>(size)), payload != nullptr);
     return payload != nullptr ? Received::kReply : Received::kRefused;
 }
 
@@ -118,7 +121,7 @@ uint8_t *RawSockMsgRecv(int index, uint8_t *ack, uint16_t *model, uint8_t *slot,
                         .len = *len,
                         .ack = *ack};
     uint8_t *payload = nullptr;
-    const Received received = raw_sock_recv(index, header, payload);
+    const Received received = raw_sock_recv(index, ReceiveBuffer(gRecvBuffer), header, payload);
     *ack = header.ack;
     *model = header.model;
     *slot = header.slot;

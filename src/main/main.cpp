@@ -87,11 +87,10 @@ void start_up(const char *program) {
 
 // The library reports a link that is down like one that is up; a person should see the difference.
 void complain_about_link(int index, int reason, const Threads &threads) {
-    const eth_init *link = link_record(index);
-    if (link == nullptr) {
+    if (link_record(index) == nullptr) {
         (void)fprintf(stderr, "ruk: interface index %d: only 0 to %d exist, nothing is sent\n",
                       index, MAX_ETH - 1);
-    } else if (!link_is_open(*link) || threads.check == pthread_t{}) {
+    } else if (!link_is_up(index)) {
         (void)fprintf(stderr, "ruk: %s: not up (%s), nothing is sent\n", g_netdev_name[index],
                       strerror(reason));
     } else if (threads.receive == pthread_t{}) {

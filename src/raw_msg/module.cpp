@@ -1,6 +1,6 @@
 #include "raw_msg/raw_msg.h"
 
-#include "eth_raw/eth_raw.h"
+#include "eth_raw/eth_raw_priv.h"
 #include "log/write.h"
 #include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
@@ -8,6 +8,7 @@
 #include "timer/sleep.h"
 
 #include <atomic>
+#include <cerrno>
 #include <sched.h>
 #include <unistd.h>
 
@@ -39,8 +40,10 @@ void *as_argument(int index) {
 int create_thread(const pthread_attr_t *attributes, void *(*body)(void *), void *argument,
                   pthread_t *tid) {
     pthread_t created{};
-    if (pthread_create(&created, attributes, body, argument) != 0) {
+    const int error = pthread_create(&created, attributes, body, argument);
+    if (error != 0) {
         LOG("failed to create thread \n");
+        errno = error;
         return -1;
     }
     *tid = created;
@@ -53,8 +56,14 @@ int RawMsgModuleInit(int index, pthread_t *receive_thread, pthread_t *check_thre
     if (index < 0 || RawSockMsgInit(static_cast<uint32_t>(index)) < 0) {
         return 0;
     }
-    (void)RawMsgRecvTaskCreate(index, receive_thread); // both report their own failure
-    (void)RawMsgRecvCheckTaskCreate(index, check_thread);
+    (void)RawMsgRecvTaskCreate(index, receive_thread); // reports its own failure
+    if (RawMsgRecvCheckTaskCreate(index, check_thread) != 0) {
+        link_bar_sending(index); // nothing that goes out would ever time out
+        end_all_requests(index); // nor would what another thread has sent meanwhile
+        return 0;
+    }
+    // A thread that could not be started leaves EAGAIN, and the next frame would go out twice.
+    errno = 0;
     return 0;
 }
 

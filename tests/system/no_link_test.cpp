@@ -1,5 +1,6 @@
 // Links that do not come up, or go down, and rights that are missing: the tool ends all the same.
 #include "bed.h"
+#include "refused_calls.h"
 
 #include <csignal>
 #include <sys/socket.h>
@@ -66,6 +67,31 @@ TEST_F(NoLink, AnUnprivilegedUserIsToldAndEveryCommandEnds) {
         EXPECT_EQ(logged(result, "init_netdev(0) failed(-1)."), 1);
         EXPECT_TRUE(capture.sent().empty());
     }
+}
+
+// What is open, but goes nowhere or has nobody to time it out, would keep the tool waiting.
+void expect_down(const std::function<void()> &in_child, const std::string &complaint) {
+    for (const Form &form : kForms) {
+        Card card;
+        Capture capture;
+        const Finished result = run({.argv = ruk_command(words(form)), .in_child = in_child});
+        EXPECT_EQ(result.status, 0) << form.word;
+        EXPECT_EQ(logged(result, form.failed), 1) << result.out;
+        EXPECT_EQ(count(result.out, "register end"), 1);
+        EXPECT_EQ(count(result.err, complaint), 1) << result.err;
+        EXPECT_TRUE(capture.sent().empty()) << form.word;
+        EXPECT_EQ(card.stop()["requests"], 0);
+    }
+}
+
+TEST_F(NoLink, ALinkWhoseSocketCannotBeBoundSendsNothingAndEveryCommandEnds) {
+    expect_down(refuse_to_bind,
+                "ruk: eth0: not up (Cannot assign requested address), nothing is sent\n");
+}
+
+TEST_F(NoLink, ALinkWhoseThreadsCannotBeStartedSendsNothingAndEveryCommandEnds) {
+    expect_down(refuse_threads,
+                "ruk: eth0: not up (Resource temporarily unavailable), nothing is sent\n");
 }
 
 TEST_F(NoLink, WithoutRealTimeRightsNobodyListensButEveryCommandEnds) {

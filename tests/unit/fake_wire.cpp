@@ -1,6 +1,6 @@
 #include "fake_wire.h"
 
-#include "eth_raw/eth_raw.h"
+#include "eth_raw/eth_raw_priv.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -29,6 +29,7 @@ struct Wire {
     std::condition_variable changed;
     std::vector<Frame> sent;
     std::vector<int> descriptors;
+    std::vector<const void *> receive_buffers;
     std::deque<SendResult> next_sends;
     std::deque<Delivery> deliveries;
     sem_t delivered;
@@ -41,6 +42,13 @@ Wire &wire() {
         return made;
     }();
     return *the_wire;
+}
+
+void note_buffer(Wire &w, const void *data) {
+    const std::lock_guard guard(w.lock);
+    if (std::ranges::find(w.receive_buffers, data) == w.receive_buffers.end()) {
+        w.receive_buffers.push_back(data);
+    }
 }
 
 constexpr int kDescriptor = 1000; // never open in a test, so a send that slips through fails
@@ -77,6 +85,7 @@ ssize_t __wrap_sendto(int fd, const void *data, size_t size, int /*flags*/, cons
 ssize_t __wrap_recvfrom(int /*fd*/, void *data, size_t size, int /*flags*/, sockaddr * /*from*/,
                         socklen_t * /*from_size*/) {
     Wire &w = wire();
+    note_buffer(w, data);
     while (sem_wait(&w.delivered) == -1) {
     }
     const std::lock_guard guard(w.lock);
@@ -96,16 +105,18 @@ ssize_t __wrap_recvfrom(int /*fd*/, void *data, size_t size, int /*flags*/, sock
 #pragma GCC visibility pop
 
 void wire_open(int index) {
-    Wire &w = wire();
-    const std::lock_guard guard(w.lock);
-    w.sent.clear();
-    w.descriptors.clear();
-    w.next_sends.clear();
-    w.deliveries.clear();
-    while (sem_trywait(&w.delivered) == 0) {
+    {
+        Wire &w = wire();
+        const std::lock_guard guard(w.lock);
+        w.sent.clear();
+        w.descriptors.clear();
+        w.receive_buffers.clear();
+        w.next_sends.clear();
+        w.deliveries.clear();
+        while (sem_trywait(&w.delivered) == 0) {
+        }
     }
-    g_eth_init[index].flag = 1;
-    g_eth_init[index].sock_fd = kDescriptor + index;
+    link_fill(g_eth_init[index], static_cast<uint32_t>(index), kDescriptor + index, {}, true);
     errno = 0;
 }
 
@@ -124,6 +135,12 @@ std::vector<int> wire_descriptors() {
     Wire &w = wire();
     const std::lock_guard guard(w.lock);
     return w.descriptors;
+}
+
+std::vector<const void *> wire_receive_buffers() {
+    Wire &w = wire();
+    const std::lock_guard guard(w.lock);
+    return w.receive_buffers;
 }
 
 bool wire_await_sent(size_t count) {

@@ -25,6 +25,9 @@ std::vector<Frame> wire_sent();
 /** The descriptors that the frames went to. */
 std::vector<int> wire_descriptors();
 
+/** The buffers that somebody has waited with for frames, in the order of the first time. */
+std::vector<const void *> wire_receive_buffers();
+
 /** Wait until so many frames were sent; false after 10 s. */
 bool wire_await_sent(size_t count);
 

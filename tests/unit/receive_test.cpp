@@ -8,6 +8,7 @@
 #include "raw_msg/raw_msg_priv.h"
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -69,6 +70,21 @@ TEST_F(Receive, DropsRepliesOfOtherCodesFamiliesAndRequests) {
     EXPECT_NE(queue_get(0, ACK_QUEUE), nullptr);
     EXPECT_EQ(sem_trywait(&sem_test), -1);
     (void)queue_empty(0, ACK_QUEUE);
+}
+
+TEST_F(Receive, DumpsItsFramesAsReceivedAndLeavesTheSharedBufferAlone) {
+    memset(gRecvBuffer, 0x77, sizeof gRecvBuffer);
+    print_flag = 1;
+    const std::string text = test::output_of([] {
+        wire_deliver(make_reply(0, 1, 3, write_one(), 0x11, 0x1000, {}));
+        EXPECT_TRUE(posted_in_time());
+    });
+    print_flag = 0;
+    EXPECT_EQ(test::occurrences(text, "recv: \n\n44 44 44 44 44 44 eb 90 eb 90 eb 90 07 00 aa 55 "),
+              1)
+        << text;
+    EXPECT_EQ(test::occurrences(text, "send: \n"), 1);
+    EXPECT_EQ(gRecvBuffer[0], 0x77);
 }
 
 TEST_F(Receive, ARefusedWriteIsSentFourTimesForThreeRefusals) {

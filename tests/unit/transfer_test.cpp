@@ -3,7 +3,9 @@
 #include "log/log.h"
 
 #include <cerrno>
+#include <chrono>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace {
 
@@ -86,6 +88,39 @@ TEST_F(Transfer, SendsOnceMoreWhenTheSendFailedWithEagain) {
     EXPECT_EQ(send(1), 94);
     EXPECT_EQ(wire_sent().size(), 2U);
     EXPECT_NE(printed().find("]:: need send again\n"), std::string::npos);
+}
+
+TEST_F(Transfer, PausesForAMillisecondBeforeItSendsOnceMore) {
+    using Clock = std::chrono::steady_clock;
+    wire_next_send(-1, EAGAIN);
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(send(1), 94);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1));
+}
+
+// The pause of one sender is no gap for the frame of another.
+TEST_F(Transfer, SendsOneFrameAtATime) {
+    for (int i = 0; i < 20; i++) {
+        wire_open(0);
+        wire_next_send(-1, EAGAIN);
+        std::thread other([this] {
+            uint8_t *theirs = RawMsgBuffGet(1);
+            while (wire_sent().empty()) {
+                std::this_thread::yield();
+            }
+            errno = 0;
+            EXPECT_EQ(RawSockMsgSend(0, 1, 3, 0x2000, 1, 0, theirs, 1), 94);
+            RawMsgBuffFree(theirs);
+        });
+        errno = 0;
+        EXPECT_EQ(send(1), 94);
+        other.join();
+        const std::vector<Frame> sent = wire_sent();
+        ASSERT_EQ(sent.size(), 3U);
+        EXPECT_EQ(addr_of(sent[0]), 0x1000U);
+        EXPECT_EQ(addr_of(sent[1]), 0x1000U);
+        EXPECT_EQ(addr_of(sent[2]), 0x2000U);
+    }
 }
 
 TEST_F(Transfer, SendsOnceMoreForAnOldEagainAlthoughTheFrameIsOut) {
