@@ -1,6 +1,8 @@
 // Words that are wrong, too many or too few, and the name that the tool is started by.
 #include "bed.h"
+#include "preload.h"
 
+#include <cstdlib>
 #include <unistd.h>
 
 namespace bed {
@@ -51,6 +53,37 @@ TEST_F(CommandLine, AnUnknownWordDoesNothing) {
         EXPECT_EQ(count(result.out, "eth_init[0].sock_fd = "), 1); // the link went up all the same
         EXPECT_TRUE(capture.sent().empty());
     }
+}
+
+// Both threads are ended before the socket is closed.
+TEST_F(CommandLine, TheLinkIsTakenDownBehindEveryWord) {
+    const Directory directory;
+    const std::string log = directory.path("calls");
+    for (const Words &words :
+         {Words{"0", "readw", "1", "3", "7040"}, Words{"0", "write", "1", "3", "7040", "0x1"},
+          Words{"0", "frobnicate", "1", "3", "7040"}, Words{"0", "writepic", "1", "3", "7040"},
+          Words{"0", "write", "1", "3", "7040", directory.path("missing")}}) {
+        (void)ruk(words, preloading(CALL_LOG_LIBRARY, {"CALL_LOG=" + log}));
+        const Bytes calls = content_of(log);
+        EXPECT_EQ(std::string(calls.begin(), calls.end()), "cancel\ncancel\nclose\n") << words[1];
+        std::filesystem::remove(log);
+    }
+}
+
+// The kernel's own limits stay as they are: here nobody may set them.
+TEST_F(CommandLine, TheSendBufferLimitsAreRaisedFirst) {
+    const Directory directory;
+    const std::string log = directory.path("calls");
+    const std::string script = "#!/bin/sh\necho \"$@\" >>" + log + "\n";
+    const std::string command = directory.file("sysctl", {script.begin(), script.end()});
+    std::filesystem::permissions(command, std::filesystem::perms::owner_all);
+    const char *path = getenv("PATH");
+    const Words prefix = {"env",
+                          "PATH=" + directory.path("") + ":" + (path != nullptr ? path : "")};
+    EXPECT_EQ(ruk({"0", "write", "1", "3", "7040", "0x1"}, prefix).status, 0);
+    const Bytes calls = content_of(log);
+    EXPECT_EQ(std::string(calls.begin(), calls.end()), "-w net.core.wmem_max=3492800\n"
+                                                       "-w net.core.wmem_default=3492800\n");
 }
 
 TEST_F(CommandLine, ModelSlotAndAddressKeepTheirLowBits) {

@@ -52,6 +52,36 @@ TEST_F(Endless, GarbageIsNeitherShownNorFatal) {
     EXPECT_GE(card.stop()["requests"], 5);
 }
 
+// Frames that come as far as the checksum, as fast as they go.
+[[noreturn]] void flood_without_pause(const CardEnd &end) {
+    Bytes frame = from_hex("444444444444eb90eb90eb900700aa55");
+    frame.resize(60);
+    for (;;) {
+        end.send(frame);
+    }
+}
+
+// Each damaged frame makes a line, and without a file each line flushes every stream.
+TEST_F(Endless, AFloodIsNoReasonToHangAlsoWithoutALogFile) {
+    const std::string in_the_way = "/var/log/ruk_log0.txt";
+    std::filesystem::remove(in_the_way);
+    ASSERT_TRUE(std::filesystem::create_directory(in_the_way));
+    const CardEnd end;
+    {
+        const Process garbage(
+            {.argv = {"garbage"}, .in_child = [&end] { flood_without_pause(end); }});
+        for (int i = 0; i < 10; i++) {
+            const Finished result = ruk({"0", "write", "1", "3", "8000", "0x1", "0x2"});
+            EXPECT_EQ(result.status, 0);
+            EXPECT_EQ(logged(result, "write fpga 0 , register : 0x00008000 , length : 2 value :"
+                                     "01 02 "),
+                      1);
+            EXPECT_GE(count(result.out, "]:: recv packet crc error:"), 10);
+        }
+    }
+    EXPECT_TRUE(std::filesystem::remove(in_the_way));
+}
+
 // Refusals are answered by resends without limit, so that only a signal ends the tool.
 TEST_F(Endless, RefusalsForEverLastUntilASignal) {
     for (const int signo : {SIGINT, SIGTERM, SIGQUIT}) {

@@ -1,20 +1,16 @@
 #include "throughput.h"
 
+#include "preload.h"
+
 #include <cstdlib>
 
 namespace bed {
 
-// Under the address sanitizer, whose runtime wants to be the first library, the tool is told to
-// take it as it comes: the shells that it starts inherit the preloaded library, but have no
-// sanitizer.
 Words at_speed(int rate) {
     if (rate == kRealTime) {
         return {};
     }
-    const char *options = getenv("ASAN_OPTIONS");
-    return {"env", "LD_PRELOAD=" RUK_FAKETIME, "FAKETIME=+0 x" + std::to_string(rate),
-            std::string("ASAN_OPTIONS=") + (options != nullptr ? options : "") +
-                ":verify_asan_link_order=0"};
+    return preloading(RUK_FAKETIME, {"FAKETIME=+0 x" + std::to_string(rate)});
 }
 
 Words command(const Form &form, const Words &arguments) {
