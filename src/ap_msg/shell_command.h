@@ -2,7 +2,8 @@
 #ifndef AP_MSG_SHELL_COMMAND_H
 #define AP_MSG_SHELL_COMMAND_H
 
-#include <string>
+#include "mem/owners.h"
+
 #include <string_view>
 
 /**
@@ -10,7 +11,16 @@
  * as it is; any other is quoted, so that the shell takes it for one word and nothing in it for a
  * command.
  */
-std::string shell_command(std::string_view before, std::string_view name,
-                          std::string_view after = {});
+class ShellCommand {
+public:
+    ShellCommand(std::string_view before, std::string_view name, std::string_view after = {});
+    /** The line; null when there is no memory for it. */
+    [[nodiscard]] const char *line() const;
+    /** Run it, as my_system; -1 when there is no memory for it (logged). */
+    [[nodiscard]] int run() const;
+
+private:
+    HeapBytes line_;
+};
 
 #endif

@@ -4,7 +4,6 @@
 #include "ap_msg/input_file.h"
 #include "ap_msg/shell_command.h"
 #include "ap_msg/shown.h"
-#include "board/board.h"
 #include "log/write.h"
 
 #include <sys/stat.h>
@@ -35,11 +34,11 @@ long get_file_size_old(const char *path) {
 
 int update_temfile_creat(const char *path) {
     if (access(path, F_OK) == 0) {
-        (void)my_system(shell_command("/bin/rm -f  ", path).c_str());
+        (void)ShellCommand("/bin/rm -f  ", path).run();
     }
-    return my_system(shell_command("/bin/touch ", path).c_str());
+    return ShellCommand("/bin/touch ", path).run();
 }
 
 int update_temfile_del(const char *path) {
-    return my_system(shell_command("/bin/rm -f ", path).c_str());
+    return ShellCommand("/bin/rm -f ", path).run();
 }

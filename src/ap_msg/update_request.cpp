@@ -6,7 +6,6 @@
 #include "ap_msg/request.h"
 #include "ap_msg/shell_command.h"
 #include "ap_msg/shown.h"
-#include "board/board.h"
 #include "log/write.h"
 
 #include <algorithm>
@@ -51,9 +50,11 @@ bool read_update_request(const uint8_t *req, UpdateRequest &request) {
 }
 
 int run_tool(const ToolKind &row, const char *name) {
-    const std::string command = shell_command(row.before, name, row.after);
-    LOG("    cmdstr=%s \n\n", Shown(command).text());
-    return my_system(command.c_str());
+    const ShellCommand command(row.before, name, row.after);
+    if (command.line() != nullptr) {
+        LOG("    cmdstr=%s \n\n", Shown(command.line()).text());
+    }
+    return command.run();
 }
 
 int carry_out(const UpdateRequest &request) {

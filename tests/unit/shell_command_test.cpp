@@ -7,6 +7,11 @@
 
 namespace {
 
+std::string shell_command(std::string_view before, std::string_view name,
+                          std::string_view after = {}) {
+    return ShellCommand(before, name, after).line();
+}
+
 TEST(ShellCommand, LeavesOrdinaryNamesAsTheyAre) {
     for (const char *name : {"a", "/tmp/fw.bin", "../a-b_c+d=e@f%g,h:i", "-x", "0123456789",
                              "abcdefghijklmnopqrstuvwxyz/ABCDEFGHIJKLMNOPQRSTUVWXYZ"}) {

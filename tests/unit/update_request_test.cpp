@@ -93,6 +93,17 @@ TEST_F(UpdateRequest, QuotesNamesForTheShell) {
         (std::vector<std::string>{"/usr/telva/bin/mcu_isp -B input  -C 0x31 -b '" + name + "' "}));
 }
 
+TEST_F(UpdateRequest, FailsWithoutMemoryForTheLineOfTheTool) {
+    constexpr uint64_t kMoreThanTheReply = 48;
+    const std::string name = file("fw.hex");
+    const HeapLimit no_more(kMoreThanTheReply);
+    EXPECT_EQ(handle(0x16, name), update_line("0x16", "(no memory to show it)") +
+                                      "|ap_msg: run a shell command: no memory for its line\n"
+                                      "|write file response not ok\n");
+    EXPECT_EQ(result_, -1);
+    EXPECT_TRUE(shell_commands().empty());
+}
+
 TEST_F(UpdateRequest, AnswersWithTheExitStatusOfTheTool) {
     const std::string name = file("fw.hex");
     for (const int status : {1, 127, 255, -1}) {
