@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <execinfo.h>
 #include <initializer_list>
 #include <unistd.h>
 
@@ -115,15 +116,30 @@ void detach(pthread_t thread) {
     }
 }
 
+// To cancel a thread takes the unwinder. The C library loads it when it is first wanted, and
+// without the memory to do so ends the process with SIGABRT.
+bool can_cancel() {
+    void *frame = nullptr;
+    return backtrace(&frame, 1) > 0; // wants the unwinder too, and goes without
+}
+
+// False: at least one of them still runs.
+bool end_threads(const Threads &threads) {
+    if (!can_cancel()) {
+        return false;
+    }
+    int cancelled = 0;
+    cancel(threads.receive, cancelled);
+    cancel(threads.check, cancelled);
+    return await_thread_ends(cancelled, kThreadEnd);
+}
+
 // The threads are not joined: one that hangs in the kernel must not keep the tool from ending. Its
 // socket must not be closed under it, nor may exit be called: that writes once more what it finds
 // half written, and waits for the list of streams, which the thread may hold while it waits for one
 // of them. The end of the process closes the socket.
 void stop_threads(const Threads &threads, int status) {
-    int cancelled = 0;
-    cancel(threads.receive, cancelled);
-    cancel(threads.check, cancelled);
-    const bool ended = await_thread_ends(cancelled, kThreadEnd);
+    const bool ended = end_threads(threads);
     detach(threads.receive);
     detach(threads.check);
     if (!ended) {
