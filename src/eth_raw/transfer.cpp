@@ -30,6 +30,13 @@ void count_received(int index, std::span<const uint8_t> frame, bool is_intact_re
     }
 }
 
+// A signal that ends the wait is no failure of the link.
+void count_failed_receive(int index) {
+    if (errno != EINTR) {
+        count(index, Count::kReceiveErrors);
+    }
+}
+
 ssize_t send_frame(int index, const eth_init &link, const uint8_t *frame, uint32_t frame_len) {
     const ssize_t sent = sendto(link.sock_fd, frame, frame_len, 0,
                                 reinterpret_cast<const sockaddr *>(&link.addr), sizeof link.addr);
@@ -101,7 +108,7 @@ Received raw_sock_recv(int index, ReceiveBuffer buffer, RawMsgHeader &header, ui
     const ssize_t size = recvfrom(sock_fd, buffer.data(), buffer.size(), 0, nullptr, nullptr);
     dump_frame("recv", buffer.data(), static_cast<int>(size));
     if (size < 0) {
-        count(index, Count::kReceiveErrors);
+        count_failed_receive(index);
         return Received::kNothing;
     }
     payload =

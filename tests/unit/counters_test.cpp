@@ -287,6 +287,8 @@ TEST_F(Counters, CountAFrameThatDoesNotFitTheBuffer) {
 TEST_F(Counters, CountAReceiveThatFails) {
     wire_deliver_failure(ENETDOWN);
     EXPECT_EQ(on_links(receive), (Changes{{"receive_errors0", 1}}));
+    wire_deliver_failure(EINTR);
+    EXPECT_EQ(on_links(receive), Changes{}); // a signal, no failure
     wire_close(0);
     EXPECT_EQ(on_links(receive), Changes{}); // not even tried
 }
