@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -15,6 +16,11 @@ std::string &directory() {
     return *the_directory;
 }
 
+std::function<void()> &amid_opening() {
+    static auto *const act = new std::function<void()>;
+    return *act;
+}
+
 std::atomic<int> g_openings{0};
 
 } // namespace
@@ -24,6 +30,10 @@ namespace test {
 void set_log_directory(const std::string &name) {
     directory() = name;
     g_openings = 0;
+}
+
+void set_amid_opening(std::function<void()> act) {
+    amid_opening() = std::move(act);
 }
 
 int log_openings() {
@@ -46,6 +56,9 @@ FILE *__wrap_fopen(const char *name, const char *mode) {
     if (directory().empty()) {
         errno = ENOENT;
         return nullptr;
+    }
+    if (amid_opening()) {
+        std::exchange(amid_opening(), nullptr)();
     }
     const std::string moved = directory() + "/" + std::string(wanted.substr(kRealDirectory.size()));
     return __real_fopen(moved.c_str(), mode);

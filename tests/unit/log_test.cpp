@@ -345,6 +345,22 @@ TEST_F(LogFile, IsNotInheritedByShells) {
     EXPECT_NE(fcntl(fileno(log_fp), F_GETFD) & FD_CLOEXEC, 0);
 }
 
+TEST_F(LogFile, IsTheFasterOneWhenTwoThreadsOpenIt) {
+    log_d = 1;
+    FILE *faster = fopen((directory_ + "/faster").c_str(), "we");
+    ASSERT_NE(faster, nullptr);
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = descriptors();
+    test::set_amid_opening([faster] { log_fp = faster; });
+    LOG("line\n");
+    EXPECT_EQ(log_fp, faster);
+    EXPECT_TRUE(test::ends_as_log_line(content_of(directory_ + "/faster"), "line\n"));
+    EXPECT_EQ(descriptors(), before); // the slower one's is closed
+}
+
 TEST_F(LogFile, IsTriedAgainByEachCallUntilItOpens) {
     const std::string later = directory_ + "/later";
     test::set_log_directory(later);

@@ -4,6 +4,7 @@
 // system.
 #include "mem/mem.h"
 
+#include "lock_count.h"
 #include "log/log.h"
 #include "mem/mem_priv.h"
 #include "output.h"
@@ -16,6 +17,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <random>
 #include <set>
 #include <thread>
@@ -421,6 +424,22 @@ TEST_F(MemUinit, LeavesBlocksThatAreHandedOut) {
 }
 
 // ---------------------------------------------------------------------------------------------
+
+// Each of them by the time it is back, and no two at a time.
+TEST_F(MemTest, TouchesItsListsUnderTheLock) {
+    const std::function<void()> calls[] = {
+        [] { (void)mem_init(); },      [] { mem_push(0, new_block(0)); },
+        [] { std::free(mem_pop(0)); }, [] { mem_free(mem_alloc(64)); },
+        [] { (void)mem_waiting(); },   [] { (void)mem_uinit(); },
+    };
+    const int locks[] = {1, 1, 1, 2, 1, 1};
+    for (size_t i = 0; i < std::size(calls); i++) {
+        const test::LockUse use = test::locks_of(calls[i]);
+        EXPECT_EQ(use.taken, locks[i]) << i;
+        EXPECT_EQ(use.deepest, 1) << i;
+        EXPECT_EQ(use.kept, 0) << i;
+    }
+}
 
 TEST_F(MemTest, CountsWhatIsHandedOut) {
     void *a = mem_alloc(1);

@@ -1,6 +1,7 @@
 // sleep_test.cpp - sleeps and waits last their full time although the tick interrupts them.
 //
-// Only lower bounds: a busy machine may be late at any time.
+// Only lower bounds: a busy machine may be late at any time. Linked with
+// --wrap=clock_gettime,clock_nanosleep for the one test that plays the clock.
 #include "timer/sleep.h"
 
 #include "log/relaxed.h"
@@ -15,7 +16,41 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <thread>
+
+namespace {
+
+thread_local const timespec *t_now = nullptr; // null = the real time
+thread_local timespec *t_deadline = nullptr;  // null = really sleep
+
+} // namespace
+
+extern "C" {
+
+int __real_clock_gettime(clockid_t clock, timespec *now);
+int __wrap_clock_gettime(clockid_t clock, timespec *now);
+int __real_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left);
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left);
+
+int __wrap_clock_gettime(clockid_t clock, timespec *now) {
+    if (t_now == nullptr) {
+        return __real_clock_gettime(clock, now);
+    }
+    *now = *t_now;
+    return 0;
+}
+
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left) {
+    if (t_deadline == nullptr) {
+        return __real_clock_nanosleep(clock, flags, time, left);
+    }
+    EXPECT_EQ(clock, CLOCK_MONOTONIC);
+    EXPECT_EQ(flags, TIMER_ABSTIME);
+    *t_deadline = *time;
+    return 0;
+}
+}
 
 namespace {
 
@@ -68,6 +103,31 @@ TEST_F(SleepFull, CarriesWholeSeconds) {
     const steady::time_point start = steady::now();
     sleep_full(1100ms); // passes a second's end wherever it starts
     EXPECT_GE(steady::now() - start, 1100ms);
+}
+
+// The kernel refuses a deadline with a whole second in its nanoseconds.
+TEST(SleepFullUntil, IsTheClockAndTheTime) {
+    struct Row {
+        timespec now;
+        std::chrono::microseconds duration;
+        timespec deadline;
+    };
+    const Row rows[] = {
+        {{.tv_sec = 5, .tv_nsec = 999998999}, 1us, {.tv_sec = 5, .tv_nsec = 999999999}},
+        {{.tv_sec = 5, .tv_nsec = 999999000}, 1us, {.tv_sec = 6, .tv_nsec = 0}},
+        {{.tv_sec = 5, .tv_nsec = 999999999}, 999999us, {.tv_sec = 6, .tv_nsec = 999998999}},
+        {{.tv_sec = 5, .tv_nsec = 7}, 2300000us, {.tv_sec = 7, .tv_nsec = 300000007}},
+    };
+    for (const Row &row : rows) {
+        timespec deadline{};
+        t_now = &row.now;
+        t_deadline = &deadline;
+        sleep_full(row.duration);
+        t_now = nullptr;
+        t_deadline = nullptr;
+        EXPECT_EQ(deadline.tv_sec, row.deadline.tv_sec) << row.duration.count();
+        EXPECT_EQ(deadline.tv_nsec, row.deadline.tv_nsec) << row.duration.count();
+    }
 }
 
 int slack() {
