@@ -171,11 +171,18 @@ def constant_declarations(source):
             for a, z, kind in found]
 
 
+def starting_values(source, changes, declarations):
+    """Changes of variables that are there before the program runs; switched they come late."""
+    inside = [(start, end) for start, _, end, _ in declarations]
+    inside += source.blocks()
+    return {c.number for c in changes if not any(a < c.start < z for a, z in inside)}
+
+
 def switch_file(scratch, name, text, changes):
     """Puts the file in the scratch tree with as many changes as compile; returns the others."""
     source = Source(name, text)
     declarations = constant_declarations(source)
-    left_out = crossing(changes)
+    left_out = crossing(changes) | starting_values(source, changes, declarations)
     for _ in range(40):
         active = [change for change in changes if change.number not in left_out]
         used = [d for d in declarations if any(d[0] < c.start < d[2] for c in active)]

@@ -65,19 +65,9 @@ class Single:
 
 
 def function_around(source, change):
-    """The stretch of the outermost block around the change that is no namespace, or None."""
-    for i, token in enumerate(source.tokens):
-        if token.text != "{" or source.kind(i) != "operator":
-            continue
-        end = source.tokens[source.partner[i]].end
-        head = i - 1
-        while head >= 0 and not source.is_at(head, ";", "{", "}"):
-            head -= 1
-        if source.is_at(head + 1, "namespace", "extern"):
-            continue
-        if token.start < change.start < end and source.is_at(i - 1, ")", "const"):
-            return token.start, end
-    return None
+    """The outermost block around the change, or None."""
+    around = [(a, z) for a, z in source.blocks() if a < change.start < z]
+    return around[0] if around else None
 
 
 def cases_for(change, text, neighbours, cases):

@@ -67,6 +67,19 @@ class Source:
     def text_of(self, first, last):
         return self.text[self.tokens[first].start : self.tokens[last].end]
 
+    def blocks(self):
+        """Start and end of each block that belongs to a function or a record."""
+        found = []
+        for i, token in enumerate(self.tokens):
+            if token.text != "{" or token.kind != "operator":
+                continue
+            head = i - 1
+            while head >= 0 and not self.is_at(head, ";", "{", "}"):
+                head -= 1
+            if self.is_at(i - 1, ")", "const") and not self.is_at(head + 1, "namespace", "extern"):
+                found.append((token.start, self.tokens[self.partner[i]].end))
+        return found
+
     def is_binary(self, i):
         """The tree is formatted: two operands have blanks between them and their operator."""
         token = self.tokens[i]

@@ -15,6 +15,7 @@ from pathlib import Path
 
 SEEN_BYTES = 1 << 16  # as in switch.h
 LIMITS = ["prlimit", "--fsize=268435456", "--core=0"]  # for what a change makes endless
+UNIT_SECONDS = 10  # of unit tests for one change
 CHUNK_SECONDS = 8  # system tests that run in one test bed
 CONFIRM = 2  # so often a system test has to fail: the machine is not always quiet
 
@@ -111,13 +112,21 @@ class Tests:
             with mmap.mmap(file.fileno(), SEEN_BYTES, prot=mmap.PROT_READ) as seen:
                 case.seen = {i for i, byte in enumerate(seen[:]) if byte}
 
-    def groups(self, cases):
-        """What runs together: one program's unit tests; a few seconds of one's system tests."""
-        units, beds = {}, []
+    def groups(self, cases, near):
+        """What runs together: one program's unit tests; a few seconds of one's system tests.
+
+        First those that do little else than what stands near the change, as long as the time lasts.
+        """
+        units, beds, result = {}, [], []
         for case in cases:
             if not case.is_system:
                 units.setdefault(case.program, []).append(case)
-        result = sorted(units.values(), key=total)
+        spent = 0
+        for group in sorted(units.values(), key=lambda group: far_share(group, near)):
+            spent += total(group)
+            if result and spent > UNIT_SECONDS:
+                break
+            result.append(group)
         spent = 0
         for case in sorted((c for c in cases if c.is_system), key=lambda c: c.seconds):
             spent += case.seconds
@@ -132,9 +141,9 @@ class Tests:
             beds = [case for case in beds if case not in group]
         return result
 
-    def killer(self, cases, number=-1, replaced=None):
-        """The program whose tests notice the change, or None."""
-        for group in self.groups(cases):
+    def killer(self, cases, near, number=-1, replaced=None):
+        """The program whose tests notice the change, or None. near: numbers in the same file."""
+        for group in self.groups(cases, near):
             ready = replaced.ready_for(group) if replaced else None
             tries = CONFIRM if group[0].is_system else 1
             limit = 10 + 10 * total(group)
@@ -143,15 +152,23 @@ class Tests:
         return None
 
 
+def far_share(cases, near):
+    seen = set().union(*(case.seen for case in cases))
+    return len(seen - near) / max(len(seen), 1)
+
+
 def total(cases):
     return sum(case.seconds for case in cases)
 
 
 running = set()
 running_lock = threading.Lock()
+stopped = threading.Event()
 
 
 def run_limited(command, environment, directory, limit):
+    if stopped.is_set():
+        raise InterruptedError
     nothing = subprocess.DEVNULL
     with subprocess.Popen(
         command, env=environment, cwd=directory, stdin=nothing, stdout=nothing, stderr=nothing,
@@ -177,7 +194,9 @@ def end_group(leader):
         pass
 
 
-def end_running():
+def stop():
+    """Ends what runs and keeps the other threads from starting more."""
+    stopped.set()
     with running_lock:
         for leader in running:
             end_group(leader)
