@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <chrono>
 #include <fcntl.h>
+#include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
@@ -23,6 +25,7 @@ struct SystemCall {
     int inherited;     // open descriptors that its shell gets, too
 };
 std::vector<SystemCall> g_system_calls;
+std::function<void()> g_at_system_call;
 
 int inheritable_descriptors() {
     constexpr int kMany = 1024;
@@ -43,6 +46,9 @@ int __wrap_my_system(const char *command);
 
 int __wrap_my_system(const char *command) {
     g_system_calls.push_back({command, card_calls().size(), inheritable_descriptors()});
+    if (g_at_system_call) {
+        g_at_system_call();
+    }
     return 1; // files are of use without it
 }
 }
@@ -264,6 +270,7 @@ protected:
     void SetUp() override {
         Ddr2Read::SetUp();
         g_system_calls.clear();
+        g_at_system_call = nullptr;
         descriptors = test::open_descriptors();
     }
     void TearDown() override {
@@ -379,6 +386,21 @@ TEST_F(PictureRead, RunsSyncOnceWhenThePixelsAreThere) {
     ASSERT_EQ(g_system_calls.size(), 1U);
     EXPECT_EQ(g_system_calls[0].command, "sync");
     EXPECT_EQ(g_system_calls[0].card_calls, 4U);
+}
+
+// It waits for older files; those of this picture are written meanwhile.
+TEST_F(PictureRead, RunsSyncBetweenReadingAndWriting) {
+    const std::string name = directory.path("picture");
+    std::uintmax_t sizes[] = {1, 1};
+    g_at_system_call = [&] {
+        sizes[0] = std::filesystem::file_size(name);
+        sizes[1] = std::filesystem::file_size(name + ".bmp");
+        printf("<sync>");
+    };
+    const std::string log = run(600, 10, name, 0); // more than a stream keeps back
+    EXPECT_NE(log.find(" usec<sync>|\nwait for bmp file"), std::string::npos) << log;
+    EXPECT_EQ(sizes[0], 0U);
+    EXPECT_EQ(sizes[1], 54U); // its header
 }
 
 TEST_F(PictureRead, KeepsItsFilesFromTheShell) {

@@ -1,9 +1,11 @@
 #include "ap_msg/ap_msg.h"
 #include "board/board.h"
+#include "mem/mem.h"
 #include "mem/mem_priv.h"
 #include "output.h"
 #include "raw_msg/raw_msg.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <vector>
@@ -136,6 +138,27 @@ TEST(MessageBuffer, LiesBehindTheHeadsOfItsMessage) {
     ApMsgBuffFree(data);
     EXPECT_EQ(ApMsgBuffGet(8153), nullptr);
     EXPECT_EQ(ApMsgBuffGet(UINT32_MAX), nullptr);
+}
+
+// A message is as long as its data and 40 bytes, two of which stand behind the data.
+TEST(MessageBuffer, HoldsTheWholeMessageZeroed) {
+    for (const uint32_t data_len : {24U, 25U, 26U, 88U, 89U}) {
+        uint8_t *data = ApMsgBuffGet(data_len);
+        ASSERT_NE(data, nullptr);
+        uint8_t *head = ApMsgBuffHeadGet(data);
+        mem_block block{};
+        memcpy(&block, head - sizeof block, sizeof block);
+        EXPECT_EQ(block.size, data_len == 24 ? 64U : data_len == 89 ? 256U : 128U) << data_len;
+        memset(head, 0xA5, block.size);
+        ApMsgBuffFree(data);
+        std::vector<uint8_t *> taken; // until it is the same block's turn again
+        do {
+            data = ApMsgBuffGet(data_len);
+            taken.push_back(data);
+        } while (data != head + 38);
+        EXPECT_EQ(std::count(head, head + data_len + 40, 0), data_len + 40) << data_len;
+        std::for_each(taken.begin(), taken.end(), ApMsgBuffFree);
+    }
 }
 
 // Most messages are sent with bytes that nobody has written.

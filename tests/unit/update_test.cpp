@@ -119,6 +119,21 @@ TEST_F(Update, LeavesTheTemporaryFileAndReplacesIt) {
                                         "/bin/touch /home/updatebin.tmp", "sync"}));
 }
 
+TEST_F(Update, RunsSyncWhenTheTemporaryFileIsWholeAndNothingIsSent) {
+    const Bytes firmware = test::pattern(5000);
+    Bytes found;
+    size_t sent = 1;
+    shell_calls([&](const std::string &command) {
+        if (command == "sync") {
+            found = test::read_file(home_.path(kImage));
+            sent = card_calls().size();
+        }
+    });
+    (void)updated(file("fw.bin", firmware));
+    EXPECT_EQ(found, image_of(firmware));
+    EXPECT_EQ(sent, 0U);
+}
+
 TEST_F(Update, SendsAnEmptyFirmwareAsItsHeadAlone) {
     EXPECT_EQ(updated(file("empty.bin", {})),
               opening(0) + kBegin + kSuccess + "now sended 100%" + kEnd);
