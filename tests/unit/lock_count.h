@@ -21,6 +21,14 @@ LockUse locks_of(const std::function<void()> &work);
 /** Mutexes that the calling thread holds. */
 int locks_held();
 
+/**
+ * Fork while another thread, doing this work, is about to give back the mutex of so many, and do
+ * something in the child, which has no such thread. Returns the child's wait status: 0 when it came
+ * to its end, SIGALRM when it waited for what nobody gives back.
+ */
+int fork_amid(const std::function<void()> &work, int of_so_many,
+              const std::function<void()> &in_child);
+
 } // namespace test
 
 #endif

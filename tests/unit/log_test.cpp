@@ -1,10 +1,12 @@
 // log_test.cpp - what a log line looks like, where it goes and when the file changes.
 //
-// Linked with --wrap=gettimeofday,getpid,fopen,fclose: a test sets the clock of its thread, acts in
-// the middle of a log call (the process id is asked for after the file is opened and before the
-// line is written), has the log files in a directory of its own and sees when one is closed.
+// Linked with --wrap=gettimeofday,getpid,localtime_r,fopen,fclose: a test sets the clock of its
+// thread, acts in the middle of a log call (the process id is asked for after the file is opened
+// and before the line is written), has the log files in a directory of its own and sees when one is
+// closed.
 #include "log/log.h"
 
+#include "lock_count.h"
 #include "log/relaxed.h"
 #include "log/write.h"
 #include "log_directory.h"
@@ -15,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,6 +40,7 @@ namespace {
 thread_local const timeval *t_clock = nullptr;                       // null = the real time
 thread_local const std::function<void()> *t_amid_the_call = nullptr; // run once
 std::atomic<FILE *> g_observed_file{nullptr};
+std::atomic<int> g_locks_at_look_up{0};
 std::atomic<bool> g_is_closed{false}; // the observed file; it really closes at the test's end
 
 // Taken before anything in this process logs.
@@ -53,6 +57,13 @@ int __real_fclose(FILE *file);
 int __wrap_fclose(FILE *file);
 pid_t __real_getpid();
 pid_t __wrap_getpid();
+tm *__real_localtime_r(const time_t *time, tm *result);
+tm *__wrap_localtime_r(const time_t *time, tm *result);
+
+tm *__wrap_localtime_r(const time_t *time, tm *result) {
+    g_locks_at_look_up = test::locks_held();
+    return __real_localtime_r(time, result);
+}
 
 int __wrap_gettimeofday(timeval *now, void *zone) {
     if (t_clock == nullptr) {
@@ -659,6 +670,39 @@ TEST_F(LogThreads, NeverMixTheirLines) {
         EXPECT_EQ(std::stoi(parts[2]), next.at(id)++);
     }
     EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
+}
+
+// Messages that go out in two.
+TEST_F(LogThreads, KeepHeaderAndLongMessageTogether) {
+    log_debug = 1;
+    const std::string message(5000, 'm');
+    const std::string text = test::output_among_others([&] {
+        for (int i = 0; i < 500; i++) {
+            LOG("%s\n", message.c_str());
+        }
+    });
+    EXPECT_EQ(test::occurrences(text, "]:: mmm"), 500);
+    EXPECT_EQ(test::occurrences(text, message + "\n"), 500);
+    EXPECT_GT(test::occurrences(text, "~"), 0);
+}
+
+// The library's own lock must not be held when a process forks, see log.cpp.
+TEST_F(LogThreads, LookUpTheTimeZoneUnderALockThatForksWaitFor) {
+    g_locks_at_look_up = -1;
+    const test::LockUse use = test::locks_of([] { LOG("line\n"); });
+    EXPECT_EQ(g_locks_at_look_up, 1);
+    EXPECT_EQ(use.taken, 1);
+    EXPECT_EQ(use.kept, 0);
+    const test::LockUse forks = test::locks_of([] {
+        const pid_t child = fork();
+        if (child == 0) {
+            LOG("line\n");
+            _exit(0);
+        }
+        (void)waitpid(child, nullptr, 0);
+    });
+    EXPECT_EQ(forks.taken, 1);
+    EXPECT_EQ(forks.kept, 0);
 }
 
 #ifndef NDEBUG
