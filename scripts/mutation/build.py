@@ -115,7 +115,7 @@ def _render(text, start, end, pieces):
         inner = [piece for piece in pieces[1:] if piece[0] < last]
         rest = pieces[1 + len(inner) :]
         result.append(text[start:begin])
-        before, after = (part and part.replace("@", str(number)) for part in form)
+        before, after = (part and part.replace("\x01", str(number)) for part in form)
         if after is None:
             result.append(before)
         else:

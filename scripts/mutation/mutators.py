@@ -37,7 +37,7 @@ class Change:
     end: int
     what: str  # for people, and part of its name
     plain: tuple  # (before, after): text around the stretch; or (text, None): in its place
-    switched: tuple  # likewise, with @ for the number of the change
+    switched: tuple  # likewise, with \x01 for the number of the change
     name: str = ""
     number: int = 0
     tests: list = field(default_factory=list)
@@ -68,10 +68,10 @@ def give_names(source, changes):
 
 
 def skipped_tokens(source):
-    """What the compiler checks, or what is no code."""
+    """What the compiler checks, what a release leaves out, or what is no code."""
     skipped = set()
     for i, token in enumerate(source.tokens):
-        if token.text in ("static_assert", "__attribute__") and source.is_at(i + 1, "("):
+        if token.text in ("static_assert", "assert", "__attribute__") and source.is_at(i + 1, "("):
             skipped.update(range(i, source.partner[i + 1] + 1))
         if token.text == "extern" and source.kind(i + 1) == "string":
             skipped.add(i + 1)
@@ -98,7 +98,7 @@ def swapped_operator(source, i):
     if token.kind != "operator" or token.text not in SWAPS or not source.is_binary(i):
         return
     other, tag = SWAPS[token.text]
-    between = f"{token.text} ::mutant::{tag}<@>{{}} {token.text}"
+    between = f"{token.text} ::mutant::{tag}<\x01>{{}} {token.text}"
     yield make(source, i, i, f"{token.text} -> {other}", (other, None), (between, None))
 
 
@@ -112,11 +112,11 @@ def dropped_operand(source, i):
         return  # the first operator of an expression speaks for all of them
     for begin, end in parts(source, level, first, last, "||"):
         if (begin, end) != (first, last):
-            yield operand(source, begin, end, "false", "(!::mutant::on<@>() && (", "(false && (")
+            yield operand(source, begin, end, "false", "(!::mutant::on<\x01>() && (", "(false && (")
         inner = [k for k in level if begin <= k <= end]
         for left, right in parts(source, inner, begin, end, "&&"):
             if (left, right) != (begin, end):
-                yield operand(source, left, right, "true", "(::mutant::on<@>() || (", "(true || (")
+                yield operand(source, left, right, "true", "(::mutant::on<\x01>() || (", "(true || (")
 
 
 def parts(source, level, first, last, operator):
@@ -144,13 +144,13 @@ def negated_condition(source, i):
         return
     if not has_operator(source, first, last, COMPARISONS + LOGIC + (";", "=")):
         what = f"{short(source.text_of(first, last))} negated"
-        yield make(source, first, last, what, ("!(", ")"), ("(::mutant::on<@>() != bool(", "))"))
+        yield make(source, first, last, what, ("!(", ")"), ("(::mutant::on<\x01>() != bool(", "))"))
 
 
 def skipped_loop(source, i):
     if source.is_at(i, "while") and source.is_at(i + 1, "("):
         first, last = i + 2, source.partner[i + 1] - 1
-        yield operand(source, first, last, "false", "(!::mutant::on<@>() && (", "(false && (")
+        yield operand(source, first, last, "false", "(!::mutant::on<\x01>() && (", "(false && (")
 
 
 def has_operator(source, first, last, operators):
@@ -173,7 +173,7 @@ def changed_constant(source, i):
         other = "false" if token.text == "true" else "true"
     else:
         return
-    switched = f"::mutant::pick<@>({token.text}, {other})"
+    switched = f"::mutant::pick<\x01>({token.text}, {other})"
     yield make(source, i, i, f"{token.text} -> {other}", (other, None), (switched, None))
 
 
@@ -214,7 +214,7 @@ def changed_text(source, i):
             break
     changed = " ".join(tokens[:k] + [other] + tokens[k + 1 :])
     what = f"{short(tokens[k])} changed"
-    switched = f"::mutant::pick_text<@>({source.text_of(i, last)}, {changed})"
+    switched = f"::mutant::pick_text<\x01>({source.text_of(i, last)}, {changed})"
     yield make(source, i, last, what, (changed, None), (switched, None))
 
 
@@ -248,7 +248,7 @@ def changed_result(source, i):
         return
     what = f"{short(source.text_of(i + 1, last))} -> another value"
     yield make(
-        source, i + 1, last, what, ("::mutant::other(", ")"), ("::mutant::other_if<@>(", ")")
+        source, i + 1, last, what, ("::mutant::other(", ")"), ("::mutant::other_if<\x01>(", ")")
     )
 
 
@@ -273,7 +273,7 @@ def dropped_statement(source, i):
             return
     if last > i and is_statement(source, i, last - 1):
         what = f"{short(source.text_of(i, last))} dropped"
-        yield make(source, i, last, what, ("if (false) {", "}"), ("if (!::mutant::on<@>()) {", "}"))
+        yield make(source, i, last, what, ("if (false) {", "}"), ("if (!::mutant::on<\x01>()) {", "}"))
 
 
 def is_label(source, i):
@@ -329,7 +329,7 @@ def dropped_scope(source, i):
     what = f"{short(source.text_of(i, end))} dropped"
     yield make(
         source, i + 1, last, what, (f"::mutant::Without<{type_name}>", None),
-        (f"::mutant::Maybe<{type_name}, @>", None),
+        (f"::mutant::Maybe<{type_name}, \x01>", None),
     )
 
 
