@@ -378,6 +378,9 @@ void fine_point() {
 Woken wait(const char *call, const void *address, Time until, bool takes_signals,
            bool takes_cancel) {
     Thread &me = *g_self;
+    if (takes_cancel && me.is_cancel_pending && me.is_cancel_enabled) {
+        return Woken::kCancelled;
+    }
     count_step();
     me.state = State::kWaiting;
     me.waits_for = address;
