@@ -15,19 +15,19 @@
 
 #include "arguments.h"
 #include "counters.h"
+#include "link.h"
 #include "message_directory.h"
 #include "user.h"
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <initializer_list>
-#include <net/if.h>
-#include <string_view>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
@@ -92,41 +92,6 @@ bool register_service() {
     return false;
 }
 
-bool open_link(int index) {
-    const char *name = g_netdev_name[index];
-    if (if_nametoindex(name) == 0) {
-        (void)fprintf(stderr, "rukd: %s: no such interface\n", name);
-        return false;
-    }
-    pthread_t receive{};
-    pthread_t check{};
-    errno = 0;
-    (void)RawMsgModuleInit(index, &receive, &check); // 0 in every case
-    if (g_eth_init[index].flag == 0 || check == pthread_t{}) {
-        const bool no_right = errno == EPERM || errno == EACCES;
-        (void)fprintf(stderr, "rukd: %s: link not up: %s%s\n", name, strerror(errno),
-                      no_right ? " (raw sockets need CAP_NET_RAW and CAP_NET_ADMIN)" : "");
-        return false;
-    }
-    if (receive == pthread_t{}) {
-        (void)fprintf(stderr, "rukd: %s: no right to real-time threads (CAP_SYS_NICE)\n", name);
-        return false;
-    }
-    return true;
-}
-
-// It may come up later, so that is no reason not to serve.
-void warn_of_dead_interface(int index) {
-    ifreq request{};
-    (void)std::string_view(g_netdev_name[index])
-        .copy(request.ifr_name, sizeof request.ifr_name - 1);
-    if (ioctl(g_eth_init[index].sock_fd, SIOCGIFFLAGS, &request) == 0 &&
-        (request.ifr_flags & IFF_RUNNING) == 0) {
-        (void)fprintf(stderr, "rukd: %s is down or without a cable: requests fail until it is up\n",
-                      g_netdev_name[index]);
-    }
-}
-
 void *as_argument(int index) {
     const intptr_t value = index;
     return reinterpret_cast<void *>(value); // NOLINT(performance-no-int-to-ptr)
@@ -142,12 +107,34 @@ bool start_service(int index) {
     return false;
 }
 
+constexpr auto kBetweenLooks = std::chrono::milliseconds(200); // at the link's interface
+constexpr auto kBetweenTries = std::chrono::seconds(1); // to open it, each with its log lines
+
+// Waits for a post, and not much longer than until the next look. A signal may end it early, which
+// is looked at next.
+void wait_for_post() {
+    timespec until{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &until); // cannot fail for this clock
+    constexpr long kNsPerS = 1000000000;
+    until.tv_nsec += std::chrono::nanoseconds(kBetweenLooks).count();
+    until.tv_sec += until.tv_nsec / kNsPerS;
+    until.tv_nsec %= kNsPerS;
+    (void)sem_clockwait(&sem_test, CLOCK_MONOTONIC, &until);
+}
+
 // Each request that waited for a card has posted too; taking the posts keeps the count from
 // running over in a process that serves for years.
-void wait_for_end() {
+void serve_until_end(Link &link) {
+    using Clock = std::chrono::steady_clock;
+    auto next_look = Clock::now() + kBetweenLooks;
     while (!g_end) {
-        (void)sem_wait(&sem_test); // a signal may end it early, which is looked at next
+        wait_for_post();
         show_counters_when_asked();
+        if (Clock::now() >= next_look) {
+            look_after(link);
+            next_look = Clock::now();
+            next_look += link.is_failing ? kBetweenTries : kBetweenLooks;
+        }
     }
 }
 
@@ -165,14 +152,14 @@ int main(int argc, char **argv) {
     (void)setvbuf(stdout, nullptr, _IOLBF, 0); // a log that is watched is up to date
     install_signal_handlers();
     start_layers();
-    if (!register_service() || !open_link(arguments.index) || !start_service(arguments.index)) {
+    Link link{.index = arguments.index};
+    if (!register_service() || !open_link(link) || !start_service(link.index)) {
         (void)fflush(stdout);
         _exit(kMissing); // threads may run: their memory must stay
     }
-    warn_of_dead_interface(arguments.index);
     printf("rukd: ready, slot %d, %s, messages in %s\n", apcard_bit_self(),
-           g_netdev_name[arguments.index], message_directory());
-    wait_for_end();
+           g_netdev_name[link.index], message_directory());
+    serve_until_end(link);
     limit_last_words(); // once more: the signal may have come before the layers started
     printf("rukd: ended\n");
     _exit(0); // the threads are in the middle of their waits: the end of the process ends them
