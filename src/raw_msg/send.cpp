@@ -2,6 +2,7 @@
 
 #include "eth_raw/eth_raw.h"
 #include "eth_raw/frame_layout.h"
+#include "eth_raw/link_counts.h"
 #include "log/write.h"
 #include "mem/locks.h"
 #include "queue/queue_priv.h"
@@ -80,6 +81,7 @@ int send_request(const RequestKind &kind, RawMsgQueueNode *record, int index, ui
         return -1;
     }
     if (is_unwatched(index)) {
+        count(index, Count::kSendErrors);
         return give_up_unsent(kind, index, record, -1);
     }
     const int sent =

@@ -234,6 +234,21 @@ TEST_F(Counters, CountAFrameThatWasTriedTwice) {
     EXPECT_EQ(on_links(send), (Changes{{"frames_sent0", 2}, {"bytes_sent0", 188}}));
 }
 
+// Without a check thread nobody would time it out, so it is not even tried.
+TEST_F(Counters, CountARequestThatNobodyWouldTimeOut) {
+    wire_open(2);
+    pthread_t check{};
+    ASSERT_EQ(RawMsgRecvCheckTaskCreate(2, &check), 0);
+    ASSERT_EQ(pthread_cancel(check), 0);
+    ASSERT_EQ(pthread_join(check, nullptr), 0);
+    EXPECT_EQ(on_links([] {
+                  EXPECT_EQ(RawSockSendOneMsgWithAck(0, 2, 1, 3, 0x1000, 0x11, data, 1), -1);
+              }),
+              (Changes{{"send_errors2", 1}}));
+    EXPECT_TRUE(wire_sent().empty());
+    wire_close(2);
+}
+
 TEST_F(Counters, CountNothingForAnInterfaceThatDoesNotExist) {
     EXPECT_EQ(on_links([] {
                   (void)RawSockSendMsg(-1, 1, 3, 0x1000, 1, data, 1);
