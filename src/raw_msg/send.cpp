@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 namespace {
 
@@ -57,6 +58,14 @@ Sequence read_wait_seq{PTHREAD_MUTEX_INITIALIZER, 0};
 });
 
 constexpr uint16_t kPlainWriteSeq = 0; // nothing answers a plain write, so nothing needs a number
+
+// Given back also by a thread that is cancelled while it reports a failure.
+struct GiveBack {
+    void operator()(uint8_t *buf) const {
+        RawMsgBuffFree(buf);
+    }
+};
+using FrameBuffer = std::unique_ptr<uint8_t, GiveBack>;
 
 // The n-th frame of a transfer: 1400 bytes each, the rest last, no empty one behind a full one.
 struct Piece {
@@ -140,19 +149,18 @@ int RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8
                    const uint8_t *data, uint32_t len) {
     for (uint32_t k = 0; k < piece_count(len); k++) {
         const Piece piece = piece_at(len, k);
-        uint8_t *buf = RawMsgBuffGet(piece.len);
+        const FrameBuffer buf(RawMsgBuffGet(piece.len));
         if (buf == nullptr) {
             LOG("RawMsgBuffGet fail\n");
             return -1;
         }
-        memcpy(buf, data + piece.offset, piece.len);
+        memcpy(buf.get(), data + piece.offset, piece.len);
         const int sent = RawSockMsgSend(index, model, slot, addr + piece.offset, code,
-                                        kPlainWriteSeq, buf, piece.len);
+                                        kPlainWriteSeq, buf.get(), piece.len);
         if (sent < 1) {
             LOG("#######error %s : index:%d addr:0x%x length:%d send fail\n", "RawSockSendMsg",
                 index, addr, static_cast<int>(len));
         }
-        RawMsgBuffFree(buf);
     }
     return 0;
 }
