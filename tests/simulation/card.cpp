@@ -109,7 +109,7 @@ Asked &note(Card &card, const Request &request) {
                           .code = static_cast<uint8_t>(request.code),
                           .transmissions = 0,
                           .refusals = 0,
-                          .last_refusal = 0,
+                          .refused_with = {},
                           .odd_replies = 0,
                           .data_sent = {}});
     return card.asked.back();
@@ -214,10 +214,11 @@ void card_receives(int index, const Frame &frame) {
         fail("card %d: code 0x%x from the board", index, request.code);
     }
     if (fault(g_settings.refuse_one_in)) {
+        const auto status = static_cast<uint8_t>(1 + g_choices.pick(254));
         known.refusals += 1;
-        known.last_refusal = static_cast<uint8_t>(1 + g_choices.pick(254));
-        SIM_TELL("  card %d: refuses with status %u", index, known.last_refusal);
-        reply(index, request, known.last_refusal, Frame(g_choices.pick(3) * 20, 0xEE));
+        known.refused_with.push_back(status);
+        SIM_TELL("  card %d: refuses with status %u", index, status);
+        reply(index, request, status, Frame(g_choices.pick(3) * 20, 0xEE));
         return;
     }
     if (request.code == kWriteAck) {

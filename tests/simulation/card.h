@@ -32,9 +32,9 @@ struct Asked {
     uint8_t code;
     uint32_t transmissions;
     uint32_t refusals;
-    uint8_t last_refusal;
-    uint32_t odd_replies;            // no data, too many, status 255
-    std::vector<uint32_t> data_sent; // lengths of all replies to a read
+    std::vector<uint8_t> refused_with; // all statuses
+    uint32_t odd_replies;              // no data, too many, status 255
+    std::vector<uint32_t> data_sent;   // lengths of all replies to a read
 };
 const Asked *asked(int index, uint32_t addr, uint8_t code);
 

@@ -58,23 +58,9 @@ void cancelled(bool has_full_queue) {
     finish();
 }
 
-// One waiting sender, cancelled in its wait; its answer comes late.
-void cancelled_waiting() {
-    choose_busy_processor();
-    start_host();
-    link_up(0);
-    excuse();
-    const Form form = g_choices.branch(2) == 0 ? Form::kReadWait : Form::kAckWait;
-    const int sender = start_host_thread("sender 1", [=] { request(0, form, 64, 1); });
-    cancel_host_thread(sender);
-    join_host_thread(sender);
-    finish();
-}
-
 const Case kCases[] = {
     {"cancel", "senders of all forms are cancelled", [] { cancelled(false); }, false},
     {"cancel-full", "the same with room for four requests", [] { cancelled(true); }, false},
-    {"cancel-waiting", "a waiting sender is cancelled", cancelled_waiting, true},
 };
 
 } // namespace

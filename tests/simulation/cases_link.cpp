@@ -124,7 +124,7 @@ void half_up() {
         fail("the link has not come up, and frames go out");
     }
     settle();
-    if (!is_up) {
+    if (!is_up || !link_receives(0)) {
         link_down(0);
         link_up(0);
     }

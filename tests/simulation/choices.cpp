@@ -73,7 +73,7 @@ void Choices::begin_replay(const std::string &schedule) {
 }
 
 uint32_t Choices::search(uint32_t n) {
-    if (n < 2) {
+    if (n < 2 || is_held) {
         return 0;
     }
     if (depth_ == path_.size()) {

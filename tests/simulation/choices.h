@@ -58,6 +58,9 @@ public:
     /** Which of n threads runs; 0 is the running one when it could go on. */
     uint32_t schedule(uint32_t n, bool could_go_on);
 
+    /** The exhaustive search leaves a part of the run as it comes: what is not its subject. */
+    bool is_held = false;
+
     /** Decisions about threads, apart from those about data: a priority, a point of change. */
     Random threads{0};
 

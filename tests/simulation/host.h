@@ -22,6 +22,9 @@ void link_up(int index);
 void link_down(int index);
 bool link_is_up(int index);
 
+/** Whether its receive thread was to be had. A link without one sends, and hears nothing. */
+bool link_receives(int index);
+
 /** One request of up to two frames to addresses of its own; checks all that it can be asked. */
 void request(int index, Form form, uint32_t len, int32_t ticks = 2);
 

@@ -12,6 +12,9 @@ void reset_locks();
 /** Fails the run when a mutex is still locked. */
 void must_hold_no_locks();
 
+/** In a child: what other threads had locked nobody will unlock. */
+void forget_locks_of_dropped();
+
 /** The value of a semaphore that was set up. */
 int semaphore_value(const sem_t *semaphore);
 

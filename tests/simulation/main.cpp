@@ -142,7 +142,10 @@ std::vector<Count> chosen(const Arguments &arguments, uint64_t first_seed) {
             const bool is_asked_for =
                 (arguments.only_case.empty() || arguments.only_case == which->name) &&
                 (!arguments.only_strategy || *arguments.only_strategy == strategy);
-            if (is_asked_for && (strategy != Strategy::kExhaustive || which->is_small)) {
+            const bool is_wanted =
+                strategy != Strategy::kExhaustive ||
+                (which->is_small && (arguments.only_strategy || arguments.minutes > 0));
+            if (is_asked_for && is_wanted) {
                 counts.push_back({.which = which,
                                   .strategy = strategy,
                                   .runs = 0,

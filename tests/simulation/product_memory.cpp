@@ -205,6 +205,14 @@ void must_be_usable(const void *address, size_t size, const char *what) {
     }
 }
 
+void tell_pool_blocks_out() {
+    for (size_t unit = 0; unit < units(g_heap_used); unit++) {
+        if (g_is_handed_out[unit] != 0) {
+            SIM_TELL("block %p is still out", static_cast<void *>(g_heap + unit * kUnit));
+        }
+    }
+}
+
 OutsideProduct::OutsideProduct() {
     g_outside += 1;
 }

@@ -38,6 +38,7 @@ bool pool_has_handed_out(const void *data);
 
 /** For how many blocks that is so. */
 int64_t pool_blocks_out();
+void tell_pool_blocks_out();
 
 Use heap_use(const void *address);
 

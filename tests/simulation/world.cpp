@@ -1,6 +1,7 @@
 #include "world.h"
 
 #include "card.h"
+#include "choices.h"
 #include "fork.h"
 #include "link.h"
 #include "locks.h"
@@ -29,6 +30,7 @@ void reset_world() {
     forget_names();
     world() = {};
     g_settings = {};
+    g_choices.is_held = false;
 }
 
 } // namespace sim

@@ -1,6 +1,7 @@
 // fork and pthread_atfork.
 #include "fork.h"
 
+#include "locks.h"
 #include "races.h"
 #include "scheduler.h"
 #include "trace.h"
@@ -18,22 +19,29 @@ struct Handlers {
     void (*child)();
 };
 
-std::vector<Handlers> g_at_start; // registered before main
-std::vector<Handlers> g_handlers; // in this run
+// Those registered before main, and in this run. Constructors of other files are among the callers.
+std::vector<Handlers> &at_start() {
+    static std::vector<Handlers> handlers;
+    return handlers;
+}
+std::vector<Handlers> &in_this_run() {
+    static std::vector<Handlers> handlers;
+    return handlers;
+}
 bool g_has_started;
 
 } // namespace
 
 void reset_fork() {
     if (!g_has_started) {
-        g_at_start = g_handlers;
+        at_start() = in_this_run();
         g_has_started = true;
     }
-    g_handlers = g_at_start;
+    in_this_run() = at_start();
 }
 
 void fork_child() {
-    for (auto row = g_handlers.rbegin(); row != g_handlers.rend(); ++row) {
+    for (auto row = in_this_run().rbegin(); row != in_this_run().rend(); ++row) {
         if (row->prepare != nullptr) {
             row->prepare();
         }
@@ -42,8 +50,9 @@ void fork_child() {
     SIM_TELL("forks: the child goes on, alone");
     drop_other_threads();
     races_forked();
+    forget_locks_of_dropped();
     reset_standard_output(); // the C library does that in a child
-    for (const Handlers &row : g_handlers) {
+    for (const Handlers &row : in_this_run()) {
         if (row.child != nullptr) {
             row.child();
         }
@@ -56,7 +65,7 @@ extern "C" {
 
 // NOLINTBEGIN: the linker's name
 int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)()) {
-    sim::g_handlers.push_back({.prepare = prepare, .parent = parent, .child = child});
+    sim::in_this_run().push_back({.prepare = prepare, .parent = parent, .child = child});
     return 0;
 }
 // NOLINTEND
