@@ -238,6 +238,34 @@ TEST_F(ServiceRights, DependOnTheDirectoriesAroundToo) {
     }
 }
 
+TEST_F(ServiceRights, NeedADirectoryWhoseNameHasAnEnd) {
+    const std::string missing = directory.path("missing");
+    const struct {
+        std::string name;
+        const char *reason;
+    } rows[] = {
+        {missing + "/m", "No such file or directory"},
+        {missing + "/" + std::string(100, 'x') + "/m", "No such file or directory"},
+        {missing + "/" + std::string(5000, 'x') + "/m", "File name too long"},
+        {"/" + std::string(5000, 'x'), "File name too long"},
+        {missing + std::string(5000, '/') + "m", "File name too long"},
+        {victim + "/m", "Not a directory"},
+    };
+    for (const auto &row : rows) {
+        const Finished refused = run(rukd_command(row.name));
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_EQ(refused.err, "rukd: message directory " + row.name + ": " + row.reason + "\n");
+    }
+    // From where it is started, with an end that says nothing.
+    Launch launch = rukd_command("near//");
+    launch.in_child = [inner = launch.in_child, root = directory.path(".")] {
+        inner();
+        (void)!chdir(root.c_str());
+    };
+    Process rukd(launch);
+    EXPECT_TRUE(rukd.await_output("messages in " + directory.path("near") + "\n")) << rukd.err();
+}
+
 // The service keeps to the directory that it has looked at.
 TEST_F(ServiceRights, AreNotLedElsewhereByALink) {
     give(sockets, 0, 0, 0755);
