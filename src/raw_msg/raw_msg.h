@@ -152,8 +152,8 @@ RUK_API void *RawMsgAckReadCheck(void *index);
  *   receive_thread, check_thread  out: written only when that thread was created
  *
  * Returns 0 in every case, and with errno 0 when the link is up: its socket is bound and its check
- * thread runs. Otherwise errno has the reason, and every send on it fails at once. Without a receive
- * thread (no real-time rights) the link is up, but no answer is seen.
+ * thread runs. Otherwise errno has the reason, and every send on it fails at once. Without a
+ * receive thread (no real-time rights) the link is up, but no answer is seen.
  */
 RUK_API int RawMsgModuleInit(int index, pthread_t *receive_thread, pthread_t *check_thread);
 
