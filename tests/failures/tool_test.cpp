@@ -21,9 +21,11 @@ std::vector<Failure> failures_of_the_link() {
     return single_and_lasting({{Call::kMalloc, ENOMEM},
                                {Call::kSocket, EMFILE},
                                {Call::kIoctl, ENODEV},
+                               {Call::kBind, ENODEV},
                                {Call::kSendto, ENOBUFS},
                                {Call::kSendto, EAGAIN},
                                {Call::kRecvfrom, ENETDOWN},
+                               {Call::kPthreadCreate, EAGAIN},
                                {Call::kFopen, EACCES}});
 }
 
