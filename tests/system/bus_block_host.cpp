@@ -4,6 +4,7 @@
 //
 //   write ADDR FILE         write the file's bytes to a bus address (hexadecimal)
 //   read ADDR LENGTH FILE   read so many bytes (decimal) into a file
+//   link INDEX              go on over another link
 //   timeout MS              let each receive end after this time
 //   tick                    start the library's 30 ms tick
 //   hold                    take the bus, and give it back only by ending
@@ -38,7 +39,6 @@ using Words = std::span<const std::string>;
 
 constexpr char kMarker[] = "ruktestbed"; // stands only in the test bed's namespace
 constexpr int kWrongUse = 2;
-// What other traffic leaves in the socket counts as frames of the next read: keep it short.
 constexpr int kReceiveRoom = 128 * 1024;
 constexpr long kMicrosecondsPerMillisecond = 1000;
 constexpr long kMillisecondsPerSecond = 1000;
@@ -63,6 +63,22 @@ int read_file(EthRawTrans &xfer, Words words) {
     file.write(reinterpret_cast<const char *>(data.data()),
                static_cast<std::streamsize>(data.size()));
     return file.good() ? result : -1;
+}
+
+// What other traffic leaves in the socket counts as frames of the next read: keep it short.
+bool keep_short(const EthRawTrans &xfer) {
+    return setsockopt(xfer.sock_fd, SOL_SOCKET, SO_RCVBUF, &kReceiveRoom, sizeof kReceiveRoom) == 0;
+}
+
+int go_to_link(EthRawTrans &xfer, Words words) {
+    EthRawTrans handles[MAX_ETH] = {};
+    const auto index = static_cast<size_t>(std::stoul(words[0]));
+    if (index >= MAX_ETH || eth_raw_tranfser_set(g_eth_init, handles, MAX_ETH) != 0 ||
+        !keep_short(handles[index])) {
+        return -1;
+    }
+    xfer = handles[index];
+    return 0;
 }
 
 int set_timeout(EthRawTrans &xfer, Words words) {
@@ -90,6 +106,7 @@ const std::map<std::string, Step> &steps() {
     static const auto *all = new std::map<std::string, Step>{
         {"write", {2, write_file}},
         {"read", {3, read_file}},
+        {"link", {1, go_to_link}},
         {"timeout", {1, set_timeout}},
         {"tick", {0, [](auto &, Words) { return initTimer(); }}},
         {"hold", {0, [](auto &, Words) { return semaphore_p(); }}},
@@ -136,9 +153,7 @@ int main(int argc, char **argv) {
     (void)sigprocmask(SIG_BLOCK, &set, nullptr); // kept for the pauses, whenever it comes
     log_debug = 1;
     EthRawTrans handles[MAX_ETH] = {};
-    if (Open_Eth_Raw(handles, MAX_ETH) != 0 ||
-        setsockopt(handles[0].sock_fd, SOL_SOCKET, SO_RCVBUF, &kReceiveRoom, sizeof kReceiveRoom) !=
-            0) {
+    if (Open_Eth_Raw(handles, MAX_ETH) != 0 || !keep_short(handles[0])) {
         return EXIT_FAILURE;
     }
     say("open");
