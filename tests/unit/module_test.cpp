@@ -7,12 +7,14 @@
 #include "queue/queue.h"
 #include "raw_msg/raw_msg_priv.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <sched.h>
+#include <thread>
 
 namespace {
 
@@ -241,6 +243,46 @@ TEST_F(Module, EachReceiverHasABufferOfItsOwn) {
     EXPECT_NE(buffers[0], buffers[1]);
     EXPECT_NE(buffers[0], gRecvBuffer);
     EXPECT_NE(buffers[1], gRecvBuffer);
+}
+
+// Nobody answers, and no tick passes: only the taking down ends what is under way.
+TEST_F(Module, IsLoadedAgainAndAgainWhileOthersSend) {
+    std::atomic<bool> end{false};
+    std::atomic<int> returned{0};
+    const auto send = [&] {
+        const uint8_t value = 1;
+        uint8_t data[1400];
+        uint32_t len = 0;
+        uint8_t status = 0;
+        while (!end) {
+            (void)RawSockSendMsg(0, 1, 3, 0x1000, 1, &value, 1);
+            (void)RawSockSendMsgWithReadWait(0, 1, 3, 0x1000, 0, 4, data, &len, 6);
+            (void)RawSockSendOneMsgWithAck(0, 0, 1, 3, 0x1000, 0x11, &value, 1);
+            (void)RawSockSendMsgWithAckWait(0, 1, 3, 0x1000, 0x11, &value, 1, &status, 6);
+            returned += 1;
+        }
+    };
+    testing::internal::CaptureStderr(); // the sends that fail
+    std::thread one(send);
+    std::thread other(send);
+    for (int round = 0; round < 20; round++) {
+        start(0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        for (const pthread_t thread : running) {
+            EXPECT_EQ(pthread_cancel(thread), 0);
+            EXPECT_EQ(pthread_join(thread, nullptr), 0);
+        }
+        running.clear();
+        EXPECT_EQ(RawMsgModuleUnInit(0), -1);
+    }
+    end = true;
+    one.join();
+    other.join();
+    (void)testing::internal::GetCapturedStderr();
+    EXPECT_GT(returned, 20);
+    for (const int queue : {ACK_QUEUE, ACK_WAIT_QUEUE, READ_WAIT_QUEUE}) {
+        EXPECT_EQ(queue_get(0, queue), nullptr) << queue;
+    }
 }
 
 TEST_F(Module, ACheckThreadPausesBetweenTwoPasses) {
