@@ -30,13 +30,13 @@ enum class Received {
 constexpr std::chrono::microseconds kDeadLinkPause{10000};
 
 /** Room for one received frame. */
-using ReceiveBuffer = std::span<uint8_t, sizeof gRecvBuffer>;
+using ReceiveBuffer = uint8_t[sizeof gRecvBuffer];
 
 /**
  * As RawSockMsgRecv, but into a buffer of the caller's own, and telling a dead link from a frame
  * that is not for us. The payload points into the buffer.
  */
-Received raw_sock_recv(int index, ReceiveBuffer buffer, RawMsgHeader &header, uint8_t *&payload);
+Received raw_sock_recv(int index, ReceiveBuffer &buffer, RawMsgHeader &header, uint8_t *&payload);
 
 /** As print_msg, with the word that tells which way the frame went. */
 void dump_frame(const char *word, const uint8_t *frame, int n);

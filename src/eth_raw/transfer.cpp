@@ -20,13 +20,13 @@ using namespace std::chrono_literals;
 constexpr auto kSendAgainPause = 1000us;
 
 // Only frames that are no intact reply are looked at a second time.
-void count_received(int index, std::span<const uint8_t> frame, bool is_intact_reply) {
+void count_received(int index, const uint8_t *frame, size_t size, bool is_intact_reply) {
     count(index, Count::kFramesReceived);
-    count(index, Count::kBytesReceived, frame.size());
+    count(index, Count::kBytesReceived, size);
     if (is_intact_reply) {
         count(index, Count::kReplies);
     } else {
-        count(index, is_from_card(frame) ? Count::kChecksumErrors : Count::kForeignFrames);
+        count(index, is_from_card({frame, size}) ? Count::kChecksumErrors : Count::kForeignFrames);
     }
 }
 
@@ -100,21 +100,23 @@ int RawSockMsgSendAgain(int index, uint8_t *buf, uint32_t frame_len) {
     return transmit(index, RawMsgBuffHeadGet(buf), frame_len);
 }
 
-Received raw_sock_recv(int index, ReceiveBuffer buffer, RawMsgHeader &header, uint8_t *&payload) {
+// Threads are cancelled in the middle of it. The address sanitizer would not notice the end of a
+// variable that it watches, so there is none here.
+Received raw_sock_recv(int index, ReceiveBuffer &buffer, RawMsgHeader &header, uint8_t *&payload) {
     const int sock_fd = link_receiving_socket(index);
     if (sock_fd < 0) {
         return Received::kNothing;
     }
-    const ssize_t size = recvfrom(sock_fd, buffer.data(), buffer.size(), 0, nullptr, nullptr);
-    dump_frame("recv", buffer.data(), static_cast<int>(size));
+    const ssize_t size = recvfrom(sock_fd, buffer, sizeof buffer, 0, nullptr, nullptr);
+    dump_frame("recv", buffer, static_cast<int>(size));
     if (size < 0) {
         count_failed_receive(index);
         return Received::kNothing;
     }
     payload =
-        RawMsgHeaderUnpack(buffer.data(), static_cast<uint32_t>(size), &header.ack, &header.model,
+        RawMsgHeaderUnpack(buffer, static_cast<uint32_t>(size), &header.ack, &header.model,
                            &header.slot, &header.code, &header.addr, &header.seq, &header.len);
-    count_received(index, buffer.first(static_cast<size_t>(size)), payload != nullptr);
+    count_received(index, buffer, static_cast<size_t>(size), payload != nullptr);
     return payload != nullptr ? Received::kReply : Received::kRefused;
 }
 
@@ -128,7 +130,7 @@ uint8_t *RawSockMsgRecv(int index, uint8_t *ack, uint16_t *model, uint8_t *slot,
                         .len = *len,
                         .ack = *ack};
     uint8_t *payload = nullptr;
-    const Received received = raw_sock_recv(index, ReceiveBuffer(gRecvBuffer), header, payload);
+    const Received received = raw_sock_recv(index, gRecvBuffer, header, payload);
     *ack = header.ack;
     *model = header.model;
     *slot = header.slot;

@@ -9,7 +9,7 @@ int msg_recv(void) {
     for (;;) {
         RawMsgHeader header{};
         uint8_t *payload = nullptr;
-        const Received received = raw_sock_recv(0, ReceiveBuffer(gRecvBuffer), header, payload);
+        const Received received = raw_sock_recv(0, gRecvBuffer, header, payload);
         if (received == Received::kReply && read_buffer != nullptr) {
             read_buffer(payload, header.addr, header.len);
             return 0;

@@ -77,11 +77,11 @@ void *RawMsgRecv(void *index_value) {
     const ThreadEnd announce_end;
     pin_to_processor(index, "RawMsgRecv");
     LOG("thread id : %d index = %d\n", static_cast<int>(syscall(SYS_gettid)), index);
-    uint8_t frame[ReceiveBuffer::extent]; // its own: each interface may have such a thread
+    ReceiveBuffer frame; // its own: each interface may have such a thread
     for (;;) {
         RawMsgHeader header{};
         uint8_t *payload = nullptr;
-        switch (raw_sock_recv(index, ReceiveBuffer(frame), header, payload)) {
+        switch (raw_sock_recv(index, frame, header, payload)) {
         case Received::kReply: {
             const CancelOff whole_reply;
             dispatch_reply(index, header, payload);

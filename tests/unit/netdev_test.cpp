@@ -263,7 +263,7 @@ TEST_F(Netdev, AClosedLinkIsNeitherClosedNorUsedAgain) {
     wire_deliver(make_reply(0, 1, 2, 3, 0, 4, {5})); // on the descriptor's new owner
     RawMsgHeader header{};
     uint8_t *payload = nullptr;
-    EXPECT_EQ(raw_sock_recv(1, ReceiveBuffer(gRecvBuffer), header, payload), Received::kNothing);
+    EXPECT_EQ(raw_sock_recv(1, gRecvBuffer, header, payload), Received::kNothing);
     EXPECT_EQ(RawSockMsgUnInit(3), -1);
     EXPECT_EQ(RawSockMsgUnInit(0xFFFFFFFF), -1);
     EXPECT_EQ(netdev_calls(), Calls{});
@@ -317,7 +317,7 @@ TEST_F(Netdev, ALinkWhoseSendingIsBarredStillReceivesAndIsClosed) {
     wire_deliver(make_reply(0, 1, 2, 3, 0, 4, {5}));
     RawMsgHeader header{};
     uint8_t *payload = nullptr;
-    EXPECT_EQ(raw_sock_recv(1, ReceiveBuffer(gRecvBuffer), header, payload), Received::kReply);
+    EXPECT_EQ(raw_sock_recv(1, gRecvBuffer, header, payload), Received::kReply);
     EXPECT_EQ(RawSockMsgUnInit(1), -1);
     EXPECT_EQ(netdev_sockets(), std::vector<int>{});
     link_bar_sending(1); // does not open it again
