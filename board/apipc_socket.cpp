@@ -66,10 +66,16 @@ int64_t now_ns() {
     return now.tv_sec * kNsPerS + now.tv_nsec;
 }
 
+// Gives back what the process's umask has taken from a file that was just made. Who may write to
+// the directory may have put a link in its place meanwhile: what that leads to is not to be
+// touched.
+bool set_mode(const char *name, mode_t mode) {
+    return fchmodat(AT_FDCWD, name, mode, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 int make_directory(const char *directory) {
     if (mkdir(directory, kDirectoryMode) == 0) {
-        // The process's umask may have taken the group's bits away.
-        return chmod(directory, kDirectoryMode) == 0 ? 0 : errno;
+        return set_mode(directory, kDirectoryMode) ? 0 : errno;
     }
     return errno == EEXIST ? 0 : errno;
 }
@@ -118,11 +124,10 @@ int bind_socket(const Place &place, Descriptor &bound) {
     if (!bound.is_open()) {
         return errno;
     }
-    // Before bind: the mode that the file is born with, so that it is never wider than this. After
-    // it: the bits that the process's umask took away.
+    // Before bind: the mode that the file is born with, so that it is never wider than this.
     if (fchmod(bound.get(), kSocketMode) != 0 ||
         bind(bound.get(), as_sockaddr(place.address), sizeof place.address) != 0 ||
-        chmod(place.address.sun_path, kSocketMode) != 0) {
+        !set_mode(place.address.sun_path, kSocketMode)) {
         return errno;
     }
     return 0;

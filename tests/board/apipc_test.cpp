@@ -11,6 +11,7 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -49,6 +50,23 @@ int keep_message(int a, int b, void *msg, int length) {
     g_received.assign(bytes, bytes + length);
     return g_result;
 }
+
+// What happens right after a socket was bound; null: nothing.
+std::function<void(const char *path)> g_after_bind;
+
+} // namespace
+
+// In the place of the C library's, for the library under test too.
+extern "C" __attribute__((visibility("default"))) int bind(int fd, const sockaddr *address,
+                                                           socklen_t length) noexcept {
+    const long result = syscall(SYS_bind, fd, address, length);
+    if (result == 0 && g_after_bind != nullptr) {
+        g_after_bind(reinterpret_cast<const sockaddr_un *>(address)->sun_path);
+    }
+    return static_cast<int>(result);
+}
+
+namespace {
 
 class Apipc : public ::testing::Test {
 protected:
@@ -386,6 +404,23 @@ TEST_F(Apipc, LetsOnlyOwnerAndGroupIn) {
         EXPECT_EQ(mode_of(socket_path()), mode_t{0660}) << mask;
         EXPECT_EQ(mode_of(socket_path() + ".lock"), mode_t{0660}) << mask;
     }
+}
+
+// Who shares the directory could else have any file of a registering process's user opened to the
+// group.
+TEST_F(Apipc, LeavesTheModeOfWhatTookTheSocketsPlaceAlone) {
+    const std::string victim = root_ / "victim";
+    std::ofstream(victim).close();
+    ASSERT_EQ(chmod(victim.c_str(), 0600), 0);
+    test::Child child([&victim] {
+        bool is_there = false;
+        g_after_bind = [&](const char *path) {
+            is_there = unlink(path) == 0 && symlink(victim.c_str(), path) == 0;
+        };
+        return apipc_init(kService, 0) == -1 && is_there ? 0 : 1;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(mode_of(victim), mode_t{0600});
 }
 
 TEST_F(Apipc, LeavesTheModeOfAnExistingDirectoryAlone) {
