@@ -1,6 +1,8 @@
 #include "card.h"
 
+#include "bus_card.h"
 #include "choices.h"
+#include "picture_card.h"
 #include "settings.h"
 #include "trace.h"
 
@@ -120,6 +122,10 @@ void carry_out_write(int index, const Request &request) {
         fail("card %d: a write says %u bytes and carries %u", index, request.len,
              request.payload_len);
     }
+    if (is_picture_register(request.addr)) {
+        picture_register_written(index, request.addr, request.payload, request.len);
+        return;
+    }
     for (uint32_t i = 0; i < request.len; i++) {
         if (request.payload[i] != written_byte(index, request.addr + i)) {
             fail("card %d: wrong byte %02x in a write to 0x%x", index, request.payload[i],
@@ -137,7 +143,8 @@ Frame data_for(int index, const Request &request) {
     }
     Frame data(len);
     for (uint32_t i = 0; i < len; i++) {
-        data[i] = card_byte(index, request.addr + i);
+        data[i] = is_picture_register(request.addr) ? picture_register_byte(index, request.addr, i)
+                                                    : card_byte(index, request.addr + i);
     }
     return data;
 }
@@ -199,6 +206,9 @@ void set_card_silent(int index, bool is_silent) {
 
 void card_receives(int index, const Frame &frame) {
     Card &card = g_cards[index];
+    if (bus_card_receives(index, frame)) {
+        return;
+    }
     if (!is_raw_message(frame) || !is_intact(frame) || card.is_silent) {
         return;
     }

@@ -32,6 +32,7 @@ struct Settings {
     uint32_t foreign_one_in = 0;
     uint32_t slow_one_in = 0; // comes 1 to 400 ms late
     int32_t faults_left = 0;
+    bool keeps_order = false; // frames overtake each other only by a fault
 };
 
 extern Settings g_settings;

@@ -1,10 +1,15 @@
 #include "world.h"
 
+#include "bus_card.h"
+#include "bus_semaphore.h"
 #include "card.h"
 #include "choices.h"
+#include "files.h"
 #include "fork.h"
 #include "link.h"
 #include "locks.h"
+#include "messages.h"
+#include "picture_card.h"
 #include "product_memory.h"
 #include "queue_probe.h"
 #include "races.h"
@@ -25,6 +30,11 @@ void reset_world() {
     reset_standard_output();
     reset_link();
     reset_cards();
+    reset_bus_card();
+    reset_picture_cards();
+    reset_bus_semaphore();
+    reset_messages();
+    reset_files();
     reset_host();
     reset_fork();
     forget_names();

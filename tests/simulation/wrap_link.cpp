@@ -142,7 +142,7 @@ Time delay() {
         g_wire.faults += 1;
         return (1 + g_choices.pick(400)) * kMillisecond;
     }
-    return kDelays[g_choices.pick(std::size(kDelays))];
+    return kDelays[g_settings.keeps_order ? 0 : g_choices.pick(std::size(kDelays))];
 }
 
 // A frame on its way, in either direction.

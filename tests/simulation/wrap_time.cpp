@@ -91,6 +91,11 @@ sighandler_t __wrap_signal(int signo, sighandler_t handler) {
     return SIG_DFL;
 }
 
+// Signals are never blocked here: what the product unblocks is not blocked.
+int __wrap_pthread_sigmask(int, const sigset_t *, sigset_t *) {
+    return 0;
+}
+
 std::chrono::steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
     return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(kStart + now()));
 }
