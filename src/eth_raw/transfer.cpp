@@ -81,6 +81,22 @@ int transmit(int index, const uint8_t *frame, uint32_t frame_len) {
     return -1;
 }
 
+// Not to be cancelled in the middle of it: what is printed about a frame is printed whole.
+Received take_frame(int index, const uint8_t *frame, ssize_t size, RawMsgHeader &header,
+                    uint8_t *&payload) {
+    const CancelOff whole_frame;
+    dump_frame("recv", frame, static_cast<int>(size));
+    if (size < 0) {
+        count_failed_receive(index);
+        return Received::kNothing;
+    }
+    payload =
+        RawMsgHeaderUnpack(frame, static_cast<uint32_t>(size), &header.ack, &header.model,
+                           &header.slot, &header.code, &header.addr, &header.seq, &header.len);
+    count_received(index, frame, static_cast<size_t>(size), payload != nullptr);
+    return payload != nullptr ? Received::kReply : Received::kRefused;
+}
+
 } // namespace
 
 int RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
@@ -100,7 +116,7 @@ int RawSockMsgSendAgain(int index, uint8_t *buf, uint32_t frame_len) {
     return transmit(index, RawMsgBuffHeadGet(buf), frame_len);
 }
 
-// Threads are cancelled in the middle of it. The address sanitizer would not notice the end of a
+// Threads are cancelled while it receives. The address sanitizer would not notice the end of a
 // variable that it watches, so there is none here.
 Received raw_sock_recv(int index, ReceiveBuffer &buffer, RawMsgHeader &header, uint8_t *&payload) {
     const int sock_fd = link_receiving_socket(index);
@@ -108,16 +124,7 @@ Received raw_sock_recv(int index, ReceiveBuffer &buffer, RawMsgHeader &header, u
         return Received::kNothing;
     }
     const ssize_t size = recvfrom(sock_fd, buffer, sizeof buffer, 0, nullptr, nullptr);
-    dump_frame("recv", buffer, static_cast<int>(size));
-    if (size < 0) {
-        count_failed_receive(index);
-        return Received::kNothing;
-    }
-    payload =
-        RawMsgHeaderUnpack(buffer, static_cast<uint32_t>(size), &header.ack, &header.model,
-                           &header.slot, &header.code, &header.addr, &header.seq, &header.len);
-    count_received(index, buffer, static_cast<size_t>(size), payload != nullptr);
-    return payload != nullptr ? Received::kReply : Received::kRefused;
+    return take_frame(index, buffer, size, header, payload);
 }
 
 uint8_t *RawSockMsgRecv(int index, uint8_t *ack, uint16_t *model, uint8_t *slot, uint32_t *addr,
