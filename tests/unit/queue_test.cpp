@@ -1,6 +1,7 @@
 // queue_test.cpp - the queues of outstanding requests: order, matching, time-outs, who releases.
 #include "queue/queue.h"
 
+#include "lock_count.h"
 #include "log/log.h"
 #include "log/relaxed.h"
 #include "mem/locks.h"
@@ -21,6 +22,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -974,6 +976,82 @@ TEST_F(QueueInit, ForgetsRecordsAndCounts) {
             record = {};
         }
     }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Locks: what they keep apart shows only where threads meet, that they are taken shows at once.
+
+using QueueLocks = QueueTest;
+
+// The pool's lock is counted too, where a record is released.
+TEST_F(QueueLocks, AreTakenByEveryOperation) {
+    RawMsgQueueNode *record = nullptr;
+    const auto use_of = [&](const std::function<void()> &work) {
+        record = new_record(1, 1);
+        record->has_sender = 1;
+        EXPECT_EQ(queue_add(0, 0, record), 0);
+        const test::LockUse use = test::locks_of(work);
+        EXPECT_EQ(use.kept, 0);
+        queue_let_go(0, 0, record);
+        EXPECT_EQ(queue_empty(0, 0), 0);
+        return std::pair(use.taken, use.deepest);
+    };
+    struct Row {
+        const char *what;
+        std::function<void()> work;
+        std::pair<int, int> locks; // taken in all, held at a time
+    };
+    const auto nothing = [](RawMsgQueueNode *, void *, uint32_t) {};
+    const Row rows[] = {
+        {"add", [&] { (void)queue_add(0, 0, record); }, {1, 1}},
+        {"find none", [&] { (void)find(2, 2, nothing); }, {1, 1}},
+        {"find", [&] { (void)find(1, 1, nothing); }, {3, 1}},
+        {"none is due", [&] { (void)queue_check(0, 0, nothing); }, {2, 1}},
+        {"one is due", [&] { queue_time_out_all(0, 0, 3, nothing); }, {4, 2}},
+        {"start", [&] { queue_timer_start(0, 0, record, 3); }, {1, 1}},
+        {"stop", [&] { queue_timer_stop(0, 0, record); }, {1, 1}},
+        {"age", [] { queue_age(0, 0, 1); }, {1, 1}},
+        {"mark done", [&] { queue_mark_done(0, 0, record); }, {1, 1}},
+        {"is retired", [&] { (void)queue_is_retired(0, 0, record); }, {1, 1}},
+        {"retire", [&] { (void)queue_retire(0, 0, record); }, {1, 1}},
+        {"delete", [&] { (void)queue_del(0, 0, &record); }, {1, 1}},
+        {"delete by buffer", [] { (void)queue_del_buf(0, 0, nullptr); }, {1, 1}},
+        {"empty", [] { (void)queue_empty(0, 0); }, {1, 1}},
+    };
+    for (const Row &row : rows) {
+        EXPECT_EQ(use_of(row.work), row.locks) << row.what;
+    }
+    EXPECT_EQ(test::locks_of(queue_init).taken, kQueueInterfaces * kQueueKinds);
+}
+
+TEST_F(QueueLocks, AreTakenWhereARecordIsReleased) {
+    RawMsgQueueNode *record = add_records(1)[0];
+    record->has_sender = 1;
+    record->is_retired = 1;
+    test::LockUse use = test::locks_of([&] { queue_let_go(0, 0, record); });
+    EXPECT_EQ(use.taken, 2); // the queue's and the pool's
+    EXPECT_EQ(use.deepest, 2);
+
+    queue_init();
+    record = add_records(1)[0];
+    record->has_sender = 1;
+    use = test::locks_of([&] { (void)queue_withdraw(0, 0, record); });
+    EXPECT_EQ(use.taken, 4); // the queue's to take it back, to look at it and to release it
+    EXPECT_EQ(use.deepest, 2);
+    EXPECT_EQ(use.kept, 0);
+}
+
+TEST_F(QueueLocks, AreFreeInAChildWhereverItsParentsThreadsWere) {
+    const auto nothing = [](RawMsgQueueNode *, void *, uint32_t) {};
+    RawMsgQueueNode *record = new_record(1, 1);
+    ASSERT_EQ(queue_add(0, 0, record), 0);
+    ASSERT_EQ(queue_add(0, 1, new_record(1, 1)), 0);
+    const auto in_child = [=] {
+        (void)queue_find(0, 1, 1, 0, 1, 0, nothing, nullptr);
+        (void)queue_check(0, 1, nothing);
+    };
+    EXPECT_EQ(test::fork_amid([=] { (void)find(1, 1, nothing); }, 2, in_child), 0);
+    EXPECT_EQ(test::fork_amid([=] { (void)queue_check(0, 0, nothing); }, 2, in_child), 0);
 }
 
 // ---------------------------------------------------------------------------------------------
