@@ -15,7 +15,7 @@ from pathlib import Path
 
 SEEN_BYTES = 1 << 16  # as in switch.h
 LIMITS = ["prlimit", "--core=0"]
-UNIT_SECONDS = 10  # of unit tests for one change
+UNIT_SECONDS = 30  # of unit tests for one change
 CHUNK_SECONDS = 8  # system tests that run in one test bed
 CONFIRM = 2  # so often a system test has to fail: the machine is not always quiet
 
