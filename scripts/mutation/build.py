@@ -198,7 +198,13 @@ def switch_file(scratch, name, text, changes):
         for start, _, end, _ in used:
             if touches(source, start, end, lines):
                 bad |= {c.number for c in active if start < c.start < end}
-        if not bad:  # the message may name what a change further up has spoilt
+        if not bad:  # a constant that the compiler has to know may stand further up
+            words = {word for line in lines if 0 < line <= len(source.lines)
+                     for word in re.findall(r"\w+", source.lines[line - 1])}
+            for start, _, end, _ in used:
+                if re.search(r"(\w+)\s*(?:\[|=|\{|$)", text[start:end]).group(1) in words:
+                    bad |= {c.number for c in active if start < c.start < end}
+        if not bad:  # or be named by the message
             words = set(re.findall(r"\w+", " ".join(re.findall("‘(.*?)’", messages))))
             lines = {n for n, line in enumerate(source.lines, 1)
                      if words & set(re.findall(r"\w+", line))}

@@ -71,7 +71,10 @@ def function_around(source, change):
 
 
 def cases_for(change, text, neighbours, cases):
-    """Tests that come to a place next to the change: in its function, else anywhere in the file."""
+    """Tests that come to a place next to the change: in its function, else anywhere in the file.
+
+    neighbours: the changes of the file that are switched, and tell who comes to them.
+    """
     stretch = function_around(Source(change.file, text), change)
     near = {c.number for c in neighbours if stretch and stretch[0] < c.start < stretch[1]}
     near = near or {c.number for c in neighbours}

@@ -394,13 +394,15 @@ TEST_F(QueueIndices, OutOfRangeAreNoPlaceForARequestEither) {
         queue_timer_start(at.i, at.j, record, 5);
         queue_timer_stop(at.i, at.j, record);
         queue_mark_done(at.i, at.j, record);
-        queue_retire(at.i, at.j, record);
+        EXPECT_TRUE(queue_retire(at.i, at.j, record));
+        EXPECT_FALSE(queue_is_retired(at.i, at.j, record));
+        EXPECT_FALSE(queue_offer(at.i, at.j, 0, 0, 0, 0, note_call, nullptr));
         queue_let_go(at.i, at.j, record);
     }
     EXPECT_EQ(record->timer.period, 0);
     EXPECT_EQ(record->is_done, 0);
     EXPECT_EQ(out(), 1);
-    queue_withdraw(99, 0, record); // never linked: its sender's word is enough
+    EXPECT_TRUE(queue_withdraw(99, 0, record)); // never linked: its sender's word is enough
     EXPECT_EQ(out(), 0);
 }
 
@@ -723,6 +725,38 @@ TEST_F(QueueCheck, ConsumesTheExpiryAndLeavesTheTimerRunning) {
     (void)queue_check(0, 0, note_call);
     EXPECT_EQ(g_calls.size(), 2U);
     EXPECT_EQ(records[0]->count, 2U);
+}
+
+TEST_F(QueueCheck, ForgetsWhoFellDueTogether) {
+    const Records records = add_records(2);
+    records[0]->timer.expired = records[1]->timer.expired = 1;
+    (void)queue_check(0, 0, note_call);
+    records[0]->timer.expired = 1;
+    (void)queue_check(0, 0, note_call);
+    EXPECT_EQ(called_records(), (Records{records[0], records[1], records[0]}));
+    EXPECT_EQ(records[1]->completions, 0U);
+    for (const Call &call : g_calls) {
+        EXPECT_EQ(call.length, 0U);
+    }
+}
+
+// Two threads may end requests at the same time: the check, and who takes the link down.
+TEST_F(QueueCheck, LeavesToItWhatAnotherThreadHasBegun) {
+    const Records records = add_records(2);
+    records[0]->timer.expired = records[1]->timer.expired = 1;
+    std::thread other;
+    g_reaction = [&](RawMsgQueueNode *called) {
+        if (called == records[0] && !other.joinable()) {
+            other = std::thread([] { queue_time_out_all(0, 0, 3, note_call); });
+            const auto holders = [&] { return std::atomic_ref(records[0]->completions).load(); };
+            while (holders() < 2) { // until the other one has looked, too
+                std::this_thread::yield();
+            }
+        }
+    };
+    (void)queue_check(0, 0, note_call);
+    other.join();
+    EXPECT_EQ(called_records(), (Records{records[0], records[1], records[0]}));
 }
 
 TEST_F(QueueCheck, OnlyCountsWithoutACallback) {
@@ -1112,6 +1146,79 @@ TEST_F(QueueHolders, GiveNoRecycledRecordTheMarksOfTheOldOne) {
     EXPECT_EQ(called_records(), Records{again});
 }
 
+TEST_F(QueueHolders, ClearEveryMarkOfARecordThatGoesBackToThePool) {
+    RawMsgQueueNode *record = new_waiting_record(1, 1);
+    int somewhere = 0;
+    record->owned_block = mem_alloc(64);
+    record->when_dropped = count_drop;
+    record->home = &somewhere;
+    record->completions = 1;
+    record->is_enqueuing = 1;
+    record->is_retired = 1;
+    record->is_done = 1;
+    record->is_due = 1;
+    (void)queue_withdraw(99, 0, record);
+    auto *again = static_cast<RawMsgQueueNode *>(mem_alloc(sizeof(RawMsgQueueNode)));
+    ASSERT_EQ(again, record);
+    EXPECT_EQ(again->owned_block, nullptr);
+    EXPECT_EQ(again->when_dropped, nullptr);
+    EXPECT_EQ(again->home, nullptr);
+    EXPECT_EQ(again->completions, 0U);
+    EXPECT_EQ(again->has_sender, 0);
+    EXPECT_EQ(again->is_enqueuing, 0);
+    EXPECT_EQ(again->is_retired, 0);
+    EXPECT_EQ(again->is_done, 0);
+    EXPECT_EQ(again->is_due, 0);
+    EXPECT_EQ(again->is_waited_for, 0);
+    mem_free(again);
+}
+
+TEST_F(QueueHolders, TellWhetherARequestWasOpenWhenItIsTakenBack) {
+    RawMsgQueueNode *record = new_waiting_record();
+    ASSERT_EQ(queue_add(0, 0, record), 0);
+    queue_mark_done(0, 0, record);
+    EXPECT_FALSE(queue_withdraw(0, 0, record));
+    record = new_waiting_record(1, 1);
+    ASSERT_EQ(queue_add(0, 0, record), 0);
+    EXPECT_TRUE(queue_retire(0, 0, record));
+    EXPECT_EQ(record->is_retired, 1);
+    queue_timer_start(0, 0, record, 6); // of one that is retired no timer starts
+    EXPECT_EQ(record->timer.period, 0);
+    EXPECT_FALSE(queue_withdraw(0, 0, record));
+}
+
+// Its sender wants its memory back: the completion, which is under way, must not end it any more.
+TEST_F(QueueHolders, EndNoRequestThatItsSenderTakesBack) {
+    RawMsgQueueNode *record = new_waiting_record(5, 5);
+    ASSERT_EQ(queue_add(0, 0, record), 0);
+    std::thread sender;
+    g_reaction = [&](RawMsgQueueNode *called) {
+        sender = std::thread([&] { EXPECT_TRUE(queue_withdraw(0, 0, record)); });
+        while (queue_get(0, 0) != nullptr) {
+            std::this_thread::yield();
+        }
+        EXPECT_FALSE(queue_retire(0, 0, called));
+    };
+    (void)find(5, 5);
+    sender.join();
+    EXPECT_EQ(out(), 0);
+}
+
+TEST_F(QueueHolders, ReportACountBelowZeroWhoeverTakesTheRecordOut) {
+    ASSERT_EQ(count_out(), 0); // it is at -1 now
+    RawMsgQueueNode *record = new_waiting_record();
+    (void)queue_add(0, 0, record);
+    RawMsgQueueNode *none = nullptr;
+    (void)queue_del(0, 0, &none); // -1 again
+    EXPECT_TRUE(
+        test::ends_as_log_line(log_of([&] { (void)queue_retire(0, 0, record); }), kDelError));
+    (void)queue_withdraw(0, 0, record);
+    record = new_waiting_record();
+    (void)queue_add(0, 0, record);
+    EXPECT_TRUE(
+        test::ends_as_log_line(log_of([&] { (void)queue_withdraw(0, 0, record); }), kDelError));
+}
+
 TEST_F(QueueHolders, StartNoTimerOfARequestThatHasEnded) {
     RawMsgQueueNode *record = new_waiting_record();
     ASSERT_EQ(queue_add(0, 0, record), 0);
@@ -1181,6 +1288,7 @@ TEST_F(QueueHolders, WakeASenderWhoseRecordAHostTakesOut) {
         }
         EXPECT_EQ(posts_of(record), 1);
         EXPECT_EQ(record->ack, kNoReply);
+        EXPECT_EQ(record->is_done, 1);
         EXPECT_FALSE(queue_withdraw(0, 0, record)); // releases record and buffer
         EXPECT_EQ(out(), 0);
     }

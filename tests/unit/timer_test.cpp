@@ -30,6 +30,13 @@ void expect_timer(const Timer &timer, int32_t period, int32_t remaining, int32_t
 
 // ---------------------------------------------------------------------------------------------
 
+// Taken before anything in this process counts.
+const int32_t g_elapsed_at_start = elapsed;
+
+TEST(TimerStart, FindsNoTicksAtProgramStart) {
+    EXPECT_EQ(g_elapsed_at_start, 0);
+}
+
 TEST(TimerStart, SetsPeriodAndRestAndForgetsAnExpiry) {
     Timer timer{.period = 9, .remaining = 1, .expired = 1};
     timerStart(3, &timer);
