@@ -73,9 +73,13 @@ def function_around(source, change):
 def cases_for(change, text, neighbours, cases):
     """Tests that come to a place next to the change: in its function, else anywhere in the file.
 
-    neighbours: the changes of the file that are switched, and tell who comes to them.
+    neighbours: the changes of the file that are switched, and tell who comes to them. What stands
+    outside of all functions may be looked at by tests that come to none.
     """
     stretch = function_around(Source(change.file, text), change)
     near = {c.number for c in neighbours if stretch and stretch[0] < c.start < stretch[1]}
-    near = near or {c.number for c in neighbours}
-    return [case for case in cases if case.seen & near]
+    if near:
+        return [case for case in cases if case.seen & near]
+    everywhere = {c.number for c in neighbours}
+    programs = {case.program for case in cases if case.seen & everywhere}
+    return [case for case in cases if case.program in programs]

@@ -450,6 +450,17 @@ TEST_F(MemTest, IsFreeInAChildWhereverItsParentsThreadsWere) {
     EXPECT_EQ(test::fork_amid([] { (void)mem_waiting(); }, 1, [] { mem_free(mem_alloc(64)); }), 0);
 }
 
+TEST_F(MemTest, CountsNoBlockThatItRefuses) {
+    void *p = mem_alloc(64);
+    mem_push(0, header_of(p)); // a host's way, which the count does not see
+    mem_free(p);
+    EXPECT_EQ(handed_out(), 1);
+    mem_block *hosts = new_block(0); // freed in its place
+    hosts->used = 1;
+    mem_free(hosts->data);
+    EXPECT_EQ(handed_out(), 0);
+}
+
 TEST_F(MemTest, CountsWhatWaitsToBeHandedOut) {
     std::array<void *, 3> blocks{mem_alloc(64), mem_alloc(64), mem_alloc(8192)};
     EXPECT_EQ(mem_waiting(), 0U);
