@@ -18,6 +18,7 @@ std::span<const Case> queue_cases();
 std::span<const Case> cancel_cases();
 std::span<const Case> link_cases();
 std::span<const Case> fork_cases();
+std::span<const Case> time_cases();
 std::span<const Case> service_cases();
 std::span<const Case> picture_cases();
 std::span<const Case> block_cases();

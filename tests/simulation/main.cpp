@@ -31,8 +31,8 @@ struct Count {
 std::vector<const Case *> all_cases() {
     std::vector<const Case *> found;
     for (const auto &cases :
-         {forms_cases(), queue_cases(), cancel_cases(), link_cases(), fork_cases(), service_cases(),
-          picture_cases(), block_cases(), small_cases()}) {
+         {forms_cases(), queue_cases(), cancel_cases(), link_cases(), fork_cases(), time_cases(),
+          service_cases(), picture_cases(), block_cases(), small_cases()}) {
         for (const Case &row : cases) {
             found.push_back(&row);
         }
