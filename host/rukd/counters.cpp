@@ -7,6 +7,9 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <new>
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -16,6 +19,15 @@ static_assert(std::atomic<bool>::is_always_lock_free, "a handler sets it");
 void ask(int /*signo*/) {
     g_asked = true;
     post_test();
+}
+
+// Nothing: no memory for it, which is no reason to stop serving.
+std::optional<std::string> line_of(const ruk_counter_set &counters) {
+    try {
+        return counters_json(counters) + "\n";
+    } catch (const std::bad_alloc &) {
+        return std::nullopt;
+    }
 }
 
 } // namespace
@@ -33,7 +45,11 @@ void show_counters_when_asked() {
     ruk_counter_set counters{};
     counters.size = sizeof counters;
     (void)ruk_counters(&counters); // cannot fail for this size
-    const std::string line = counters_json(counters) + "\n";
-    (void)fwrite(line.data(), 1, line.size(), stdout); // nobody reads the log any more: no matter
+    const auto line = line_of(counters);
+    if (!line) {
+        (void)fputs("rukd: counters: no memory for the line\n", stderr);
+        return;
+    }
+    (void)fwrite(line->data(), 1, line->size(), stdout); // nobody reads the log any more: no matter
     (void)fflush(stdout);
 }
