@@ -29,6 +29,7 @@ constexpr uint32_t kFailed = 0xFFFFFFFF;
 constexpr auto kReply = 3s;    // a card that is not asked costs half a second
 constexpr auto kQuiet = 800ms; // nothing that a working card answers takes so long
 constexpr auto kSoon = 5s;
+constexpr char kCounters[] = "{\"counters\":";
 
 struct Kind {
     const char *name;
@@ -99,6 +100,30 @@ public:
     }
     std::optional<int> end_of_itself() {
         return process_.wait(kSoon);
+    }
+    /** The line that SIGUSR1 brings; empty when it says that it has no memory for it. */
+    [[nodiscard]] std::string counters() const {
+        constexpr char kNoMemory[] = "rukd: counters: no memory";
+        const int lines = bed::count(process_.out(), kCounters);
+        const int refusals = bed::count(process_.err(), kNoMemory);
+        process_.send(SIGUSR1);
+        for (auto waited = 0ms; waited < kSoon; waited += 1ms) {
+            const std::string log = process_.out();
+            if (bed::count(log, kCounters) > lines && log.ends_with('\n')) {
+                const size_t at = log.rfind(kCounters);
+                return log.substr(at, log.find('\n', at) - at);
+            }
+            if (bed::count(process_.err(), kNoMemory) > refusals) {
+                return "";
+            }
+            std::this_thread::sleep_for(1ms);
+        }
+        ADD_FAILURE() << "no counters: " << process_.out() << process_.err();
+        return "";
+    }
+    /** Blocks of the pool that are handed out. */
+    [[nodiscard]] int64_t pool_in_use() const {
+        return bed::Counters{counters()}["in_use"];
     }
     void stop() {
         process_.send(SIGTERM);
@@ -247,6 +272,7 @@ protected:
         ASSERT_TRUE(rukd.is_ready()) << rukd.out() << rukd.err();
         const long descriptors = rukd.descriptors();
         const long threads = rukd.threads();
+        const int64_t blocks = rukd.pool_in_use();
         const Client client(sockets, 0x50);
         order.start();
         const Outcome bad = ask_under_failure(rukd, client);
@@ -258,6 +284,7 @@ protected:
         expect_it_works_again(rukd, good);
         EXPECT_EQ(rukd.descriptors(), descriptors) << rukd.out();
         EXPECT_EQ(rukd.threads(), threads) << rukd.out();
+        EXPECT_EQ(rukd.pool_in_use(), blocks) << rukd.out();
         rukd.stop();
         (void)card.stop();
         remove_files();
@@ -314,6 +341,23 @@ TEST_P(Request, ThatFailsIsToldAndTheNextOneSucceeds) {
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Request, testing::ValuesIn(kinds()),
                          [](const auto &test) { return test.param.name; });
+
+TEST_F(Served, WithoutMemoryForTheCountersToo) {
+    Card card = card_with_data();
+    const auto failures = single_and_lasting({{Call::kMalloc, ENOMEM}});
+    fail_in_turn("rukd counters", failures, order, false, [&] {
+        Rukd rukd(order, sockets);
+        ASSERT_TRUE(rukd.is_ready()) << rukd.out() << rukd.err();
+        order.start();
+        (void)rukd.counters();
+        order.stop();
+        SCOPED_TRACE(order.description());
+        EXPECT_FALSE(rukd.counters().empty());
+        bed::expect_greeting(Client(sockets, 0x51));
+        rukd.stop();
+    });
+    (void)card.stop();
+}
 
 // --- while it starts ----------------------------------------------------------------------------
 
