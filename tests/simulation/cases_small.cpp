@@ -54,10 +54,10 @@ void two_senders_at_full_queue() {
     end();
 }
 
-// A waiting sender is cancelled, its answer comes all the same.
-void cancelled_waiting() {
+// A sender is cancelled, its answer comes all the same. One preemption is enough for a cancel at
+// every point that the sender passes.
+void cancelled_sender(Form form) {
     begin(kRoom + 1);
-    const Form form = g_choices.pick(2) == 0 ? Form::kReadWait : Form::kAckWait;
     const int sender = start_host_thread("sender 1", [=] { request(0, form, 64, 1); });
     g_choices.is_held = false;
     cancel_host_thread(sender);
@@ -85,7 +85,14 @@ const Case kCases[] = {
     {"small-ack-waits", "two waiting writes, room for two",
      [] { two_senders(Form::kAckWait, kRoom); }, true},
     {"small-full", "two reads at a full queue", two_senders_at_full_queue, true},
-    {"small-cancel", "a waiting sender is cancelled", cancelled_waiting, true},
+    {"small-cancel", "a waiting reader is cancelled", [] { cancelled_sender(Form::kReadWait); },
+     true},
+    {"small-cancel-ack-wait", "a waiting writer is cancelled",
+     [] { cancelled_sender(Form::kAckWait); }, true},
+    {"small-cancel-read", "a reader is cancelled", [] { cancelled_sender(Form::kRead); }, true},
+    {"small-cancel-ack", "a writer is cancelled", [] { cancelled_sender(Form::kAck); }, true},
+    {"small-cancel-plain", "a plain write is cancelled", [] { cancelled_sender(Form::kPlain); },
+     true},
     {"small-down", "the link is taken down under a waiting sender", link_taken_away, true},
 };
 

@@ -188,7 +188,7 @@ int show(const std::vector<Count> &counts, double took) {
     for (const Count &count : counts) {
         runs += count.runs;
         has_faults = has_faults || count.first_fault != 0;
-        fprintf(stdout, "%-16s %-10s %9llu %s\n", count.which->name, name_of(count.strategy),
+        fprintf(stdout, "%-22s %-10s %9llu %s\n", count.which->name, name_of(count.strategy),
                 static_cast<unsigned long long>(count.runs),
                 count.first_fault != 0 ? "FAULT"
                 : count.is_complete    ? "all schedules, no fault"
@@ -246,7 +246,7 @@ int main(int argc, char **argv) {
     g_choices.preemption_bound = arguments.preemptions;
     if (arguments.lists) {
         for (const Case *which : all_cases()) {
-            fprintf(stdout, "%-16s %s\n", which->name, which->what);
+            fprintf(stdout, "%-22s %s\n", which->name, which->what);
         }
         return 0;
     }

@@ -334,13 +334,14 @@ int __wrap_close(int fd) {
 }
 
 ssize_t __wrap_sendto(int fd, const void *bytes, size_t size, int, const sockaddr *address,
-                      socklen_t) {
+                      socklen_t address_size) {
     cancellation_point();
     must_be_usable(bytes, size, "sendto");
     point("sendto");
     if (socket_at(fd, "sendto") == nullptr) {
         return -1;
     }
+    kernel_reads(address, address_size, __builtin_return_address(0));
     kernel_reads(bytes, size, __builtin_return_address(0));
     const auto *to = reinterpret_cast<const sockaddr_ll *>(address);
     const int index = index_of_number(to->sll_ifindex);
