@@ -30,20 +30,45 @@ void count_access() {
     }
 }
 
+// Nobody may go on between the look and the access itself.
+void look_at(const void *address, size_t size, Access access, const void *from) {
+    if (is_in_heap(address)) {
+        must_be_usable(address, size, access == Access::kRead ? "a read" : "a write");
+    }
+    if (g_settings.looks_for_races) {
+        races_access(address, size, access, from);
+    }
+}
+
+bool is_shared(const void *address) {
+    return is_in_heap(address) || is_product_variable(address); // else a thread's own stack
+}
+
 void accessed(const void *address, size_t size, Access access, const void *from) {
     if (is_outside_product()) {
         return;
     }
     count_access();
-    if (is_in_heap(address)) {
-        must_be_usable(address, size, access == Access::kRead ? "a read" : "a write");
-    } else if (!is_product_variable(address)) {
-        return; // a thread's own stack
+    if (is_shared(address)) {
+        fine_point();
+        look_at(address, size, access, from);
     }
-    if (g_settings.looks_for_races) {
-        races_access(address, size, access, from);
+}
+
+void copied(const void *to, const void *from, size_t size, const void *by) {
+    if (size == 0 || is_outside_product()) {
+        return;
     }
-    fine_point();
+    count_access();
+    if (is_shared(to) || is_shared(from)) {
+        fine_point();
+    }
+    if (is_shared(from)) {
+        look_at(from, size, Access::kRead, by);
+    }
+    if (is_shared(to)) {
+        look_at(to, size, Access::kWrite, by);
+    }
 }
 
 void range(const void *address, size_t size, Access access, const void *from) {
@@ -193,13 +218,11 @@ void *__real_memset(void *to, int value, size_t size);
 int __real_memcmp(const void *a, const void *b, size_t size);
 
 void *__wrap_memcpy(void *to, const void *from, size_t size) {
-    range(from, size, Access::kRead, FROM);
-    range(to, size, Access::kWrite, FROM);
+    copied(to, from, size, FROM);
     return __real_memcpy(to, from, size);
 }
 void *__wrap_memmove(void *to, const void *from, size_t size) {
-    range(from, size, Access::kRead, FROM);
-    range(to, size, Access::kWrite, FROM);
+    copied(to, from, size, FROM);
     return __real_memmove(to, from, size);
 }
 void *__wrap_memset(void *to, int value, size_t size) {
