@@ -2,6 +2,7 @@
 // nothing.
 #include "failing.h"
 
+#include "tests/system/cable.h"
 #include "tests/system/service.h"
 
 #include <cerrno>
@@ -29,6 +30,7 @@ constexpr uint32_t kFailed = 0xFFFFFFFF;
 constexpr auto kReply = 3s;    // a card that is not asked costs half a second
 constexpr auto kQuiet = 800ms; // nothing that a working card answers takes so long
 constexpr auto kSoon = 5s;
+constexpr auto kWatch = 700ms; // rukd looks after its interface three times meanwhile
 constexpr char kCounters[] = "{\"counters\":";
 
 struct Kind {
@@ -91,6 +93,9 @@ public:
     }
     [[nodiscard]] bool is_ready() const {
         return is_ready_;
+    }
+    bool await_output(const char *text) {
+        return process_.await_output(text);
     }
     [[nodiscard]] std::string out() const {
         return process_.out();
@@ -357,6 +362,39 @@ TEST_F(Served, WithoutMemoryForTheCountersToo) {
         rukd.stop();
     });
     (void)card.stop();
+}
+
+// --- while its interface comes back -------------------------------------------------------------
+
+TEST_F(Served, OpensItsInterfaceAgainWhenTheFailuresAreOver) {
+    const bed::Cable cable;
+    const auto failures = single_and_lasting({{Call::kMalloc, ENOMEM},
+                                              {Call::kSocket, EMFILE},
+                                              {Call::kIoctl, EPERM},
+                                              {Call::kBind, ENOMEM},
+                                              {Call::kPthreadCreate, EAGAIN}});
+    fail_in_turn("rukd return", failures, order, false, [&] {
+        Rukd rukd(order, sockets);
+        ASSERT_TRUE(rukd.is_ready()) << rukd.out() << rukd.err();
+        const long descriptors = rukd.descriptors();
+        const long threads = rukd.threads();
+        cable.remove();
+        ASSERT_TRUE(rukd.await_output("rukd: eth0 was removed"));
+        order.start();
+        cable.make();
+        std::this_thread::sleep_for(kWatch);
+        order.stop();
+        SCOPED_TRACE(order.description());
+        ASSERT_TRUE(rukd.await_output("rukd: eth0 is back\n")) << rukd.err();
+        Card card = card_with_data();
+        const Outcome outcome = ask(kinds()[0], rukd, Client(sockets, 0x50));
+        ASSERT_GE(outcome.reply.size(), bed::kMessageHead + kReadLen) << rukd.out() << rukd.err();
+        EXPECT_EQ(from_bytes(outcome.reply).result, 0U);
+        EXPECT_EQ(rukd.descriptors(), descriptors) << rukd.out() << rukd.err();
+        EXPECT_EQ(rukd.threads(), threads) << rukd.out() << rukd.err();
+        rukd.stop();
+        (void)card.stop();
+    });
 }
 
 // --- while it starts ----------------------------------------------------------------------------
