@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <sched.h>
@@ -35,6 +36,7 @@ struct Threads {
     std::vector<Created> created;
     Body failing = nullptr;
     int error = 0;
+    std::function<void()> meanwhile; // what another thread does before the failure
     std::vector<std::chrono::microseconds> sleeps;
 };
 
@@ -90,6 +92,9 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, B
     const std::lock_guard guard(t.lock);
     t.created.push_back(describe(attributes, body, argument));
     if (body == t.failing) {
+        if (t.meanwhile) {
+            t.meanwhile();
+        }
         errno = EAGAIN; // as left behind by the system call below it
         return t.error;
     }
@@ -125,6 +130,7 @@ protected:
         t.created.clear();
         t.sleeps.clear();
         t.failing = nullptr;
+        t.meanwhile = nullptr;
     }
     void TearDown() override {
         for (const pthread_t thread : running) {
@@ -186,10 +192,10 @@ TEST_F(Module, StartsARealTimeReceiverAndAnOrdinaryChecker) {
 
 // A plain write needs nobody to wait for an answer, but a link is up as a whole or not at all.
 TEST_F(Module, ALinkWithoutItsCheckThreadIsNotUp) {
-    thread_fails(RawMsgAckReadCheck, EAGAIN);
+    thread_fails(RawMsgAckReadCheck, EPERM);
     errno = 0;
     start(0);
-    EXPECT_EQ(errno, EAGAIN); // the reason
+    EXPECT_EQ(errno, EPERM); // the reason, not what the failure has left in errno
     EXPECT_EQ(check, pthread_t{});
     EXPECT_FALSE(link_is_up(0));
     EXPECT_EQ(frames_of_one_write(0), 0U);
@@ -197,6 +203,20 @@ TEST_F(Module, ALinkWithoutItsCheckThreadIsNotUp) {
     start(0);
     EXPECT_TRUE(link_is_up(0));
     EXPECT_EQ(frames_of_one_write(0), 1U);
+}
+
+TEST_F(Module, WhatWasSentWhileTheCheckThreadFailedToStartEnds) {
+    thread_fails(RawMsgAckReadCheck, EAGAIN);
+    threads().meanwhile = [] {
+        const uint8_t value = 1;
+        errno = 0;
+        EXPECT_EQ(RawSockSendOneMsgWithAck(0, 0, 1, 3, 0x1000, 0x11, &value, 1), 0);
+    };
+    start(0);
+    EXPECT_EQ(wire_sent().size(), 1U);
+    EXPECT_EQ(queue_get(0, ACK_QUEUE), nullptr);
+    EXPECT_EQ(sem_trywait(&sem_test), 0);
+    EXPECT_EQ(sem_trywait(&sem_test), -1);
 }
 
 TEST_F(Module, ALinkWithoutAReceiverIsUpAndSendsNothingTwice) {
@@ -236,10 +256,12 @@ TEST_F(Module, TakingALinkDownClosesItOnce) {
 TEST_F(Module, EachReceiverHasABufferOfItsOwn) {
     start(0);
     start(1);
-    while (wire_receive_buffers().size() < 2) {
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (wire_receive_buffers().size() < 2 && std::chrono::steady_clock::now() < give_up) {
         std::this_thread::yield();
     }
     const auto buffers = wire_receive_buffers();
+    ASSERT_EQ(buffers.size(), 2U);
     EXPECT_NE(buffers[0], buffers[1]);
     EXPECT_NE(buffers[0], gRecvBuffer);
     EXPECT_NE(buffers[1], gRecvBuffer);
@@ -289,11 +311,13 @@ TEST_F(Module, ACheckThreadPausesBetweenTwoPasses) {
     thread_fails(RawMsgRecv, EPERM); // it sleeps where nothing comes
     start(0);
     std::vector<std::chrono::microseconds> sleeps;
-    while (sleeps.size() < 3) {
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (sleeps.size() < 3 && std::chrono::steady_clock::now() < give_up) {
         std::this_thread::yield();
         const std::lock_guard guard(threads().lock);
         sleeps = threads().sleeps;
     }
+    ASSERT_GE(sleeps.size(), 3U);
     for (const auto sleep : sleeps) {
         EXPECT_LE(sleep.count(), 10000);
     }
