@@ -330,6 +330,7 @@ TEST_F(Netdev, ALinkWhoseSendingIsBarredStillReceivesAndIsClosed) {
 TEST_F(Netdev, OthersMaySendAndReceiveWhileALinkIsClosedAndOpened) {
     std::atomic<bool> end{false};
     std::atomic<int> sent{0};
+    testing::internal::CaptureStderr(); // the sends that fail
     std::thread sender([&] {
         uint8_t *buf = RawMsgBuffGet(1);
         while (!end) {
@@ -343,7 +344,6 @@ TEST_F(Netdev, OthersMaySendAndReceiveWhileALinkIsClosedAndOpened) {
             (void)link_receiving_socket(1);
         }
     });
-    testing::internal::CaptureStderr(); // the sends that fail
     for (int i = 0; i < 100 || sent < 10; i++) {
         EXPECT_EQ(RawSockMsgInit(1), 0);
         if (i % 3 == 0) {
