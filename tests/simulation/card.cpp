@@ -113,6 +113,8 @@ Asked &note(Card &card, const Request &request) {
                           .refusals = 0,
                           .refused_with = {},
                           .odd_replies = 0,
+                          .answered_at = kNever,
+                          .stolen_by_then = 0,
                           .data_sent = {}});
     return card.asked.back();
 }
@@ -197,7 +199,40 @@ void note_transmission(int index, const Frame &frame) {
     if (!is_intact(frame)) {
         fail("a frame with a wrong checksum leaves the board");
     }
-    note(g_cards[index], decode(frame)).transmissions += 1;
+    Asked &known = note(g_cards[index], decode(frame));
+    known.transmissions += 1;
+    if (known.transmissions > 1 && known.code != kWrite && g_settings.send_fails_one_in == 0 &&
+        has_been_answered(known)) {
+        fail("a request for 0x%x is sent again, and its answer had come", known.addr);
+    }
+}
+
+void note_taken(int index, const Frame &frame) {
+    constexpr size_t kShortestReply = 31;
+    const uint8_t *f = frame.data();
+    if (frame.size() < kShortestReply || f[0] != 0x44 || f[14] != 0xAA || f[15] != 0x55 ||
+        f[16] != 0) {
+        return;
+    }
+    const uint32_t len = number(f + 27, 2);
+    const size_t end = 29 + size_t{len};
+    if (end + 2 > frame.size() || len > kLongest || (f[22] == kRead && len == 0) ||
+        sum_of(f + 16, f + end) != number(f + frame.size() - 2, 2)) {
+        return;
+    }
+    for (Asked &known : g_cards[index].asked) {
+        if (known.addr == number(f + 23, 4) && known.seq == number(f + 20, 2) &&
+            known.code == f[22] && known.answered_at == kNever) {
+            known.answered_at = now();
+            known.stolen_by_then = stolen_time();
+        }
+    }
+}
+
+// Time that is not stolen passes only when the receive thread, too, has nothing to do any more.
+bool has_been_answered(const Asked &known) {
+    return known.answered_at != kNever &&
+           now() - known.answered_at > stolen_time() - known.stolen_by_then + kMillisecond;
 }
 
 void set_card_silent(int index, bool is_silent) {

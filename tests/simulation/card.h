@@ -5,6 +5,7 @@
 #define SIMULATION_CARD_H
 
 #include "link.h"
+#include "scheduler.h"
 
 namespace sim {
 
@@ -34,12 +35,20 @@ struct Asked {
     uint32_t refusals;
     std::vector<uint8_t> refused_with; // all statuses
     uint32_t odd_replies;              // no data, too many, status 255
-    std::vector<uint32_t> data_sent;   // lengths of all replies to a read
+    Time answered_at; // when the board took a good answer from its socket; kNever: not yet
+    Time stolen_by_then;
+    std::vector<uint32_t> data_sent; // lengths of all replies to a read
 };
 const Asked *asked(int index, uint32_t addr, uint8_t code);
 
 /** The board has sent a frame: counts it before the wire may lose it. */
 void note_transmission(int index, const Frame &frame);
+
+/** The board has taken a frame from its socket. */
+void note_taken(int index, const Frame &frame);
+
+/** Whether a good answer came so long ago that the board must have seen to it. */
+bool has_been_answered(const Asked &known);
 
 /** A card that answers nothing for a while. */
 void set_card_silent(int index, bool is_silent);

@@ -62,6 +62,12 @@ struct HostState {
 };
 HostState g_host;
 
+// Links that go down, senders that are cancelled, queues that are emptied: an answer may be in
+// vain.
+bool is_interrupted() {
+    return g_host.is_excused;
+}
+
 // What a request is excused by: the world has had a fault, or the processor was away for a tick or
 // more. Less than that must not make a difference.
 bool was_rough(Time stolen_before) {
@@ -195,6 +201,9 @@ void check_written(int index, uint32_t addr, uint32_t len, int result, uint8_t s
     if (result == 0 && status != 0 && !has_refused(known, status)) {
         fail("a write to 0x%x is reported as refused with %u, and was not", addr, status);
     }
+    if (result != 0 && known != nullptr && has_been_answered(*known) && !is_interrupted()) {
+        fail("a write to 0x%x failed, and its answer had come", addr);
+    }
     if (was_quiet && (result != 0 || status != 0)) {
         fail("a write to 0x%x failed for no reason: result %d, status %u", addr, result, status);
     }
@@ -263,6 +272,8 @@ void read_wait(int index, uint32_t len, int32_t ticks) {
         }
     } else if (!was_rough(stolen)) {
         fail("a read of 0x%x failed for no reason", addr);
+    } else if (known != nullptr && has_been_answered(*known) && !is_interrupted()) {
+        fail("a read of 0x%x failed, and its answer had come", addr);
     } else if (known != nullptr && is_unanswered(*known) && world().checks_earliest_end) {
         check_not_too_early(start, ticks);
     }

@@ -9,6 +9,7 @@
 #include "trace.h"
 #include "world.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -159,15 +160,19 @@ std::vector<Count> chosen(const Arguments &arguments, uint64_t first_seed) {
     return counts;
 }
 
-// In turns, so that each case has its share of the time; a search gets up to a tenth of it.
+// In turns, so that each case has its share of the time; a quarter of it is for all searches.
 void run_for(std::vector<Count> &counts, double minutes) {
     constexpr uint64_t kTurn = 256;
     constexpr double kSecondsPerMinute = 60;
     const double start = seconds_now();
     const double until = start + minutes * kSecondsPerMinute;
+    const auto searches = std::count_if(counts.begin(), counts.end(), [](const Count &count) {
+        return count.strategy == Strategy::kExhaustive;
+    });
     for (Count &count : counts) {
         if (count.strategy == Strategy::kExhaustive) {
-            search(count, seconds_now() + minutes * kSecondsPerMinute / 10);
+            search(count,
+                   seconds_now() + minutes * kSecondsPerMinute / 4 / static_cast<double>(searches));
         }
     }
     bool goes_on = true;

@@ -413,6 +413,9 @@ ssize_t __wrap_recvfrom(int fd, void *to, size_t size, int, sockaddr *, socklen_
     }
     SIM_TELL("receives %zu bytes", taken);
     cancellation_point();
+    if (index_of_number(socket->bound_to) >= 0 && taken == frame.size()) {
+        note_taken(index_of_number(socket->bound_to), frame);
+    }
     return static_cast<ssize_t>(taken);
 }
 // NOLINTEND
