@@ -60,6 +60,9 @@ int fork_amid(const std::function<void()> &work, int of_so_many,
 
 } // namespace test
 
+// Visible outside: a sanitizer's library calls the wrapped names, too.
+#pragma GCC visibility push(default)
+
 extern "C" {
 
 int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
@@ -83,3 +86,5 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex) {
     return __real_pthread_mutex_unlock(mutex);
 }
 }
+
+#pragma GCC visibility pop
