@@ -95,7 +95,10 @@ bool run_schedule(const Case &which) {
         const std::string schedule = g_choices.schedule_text();
         const Strategy before = g_choices.strategy;
         g_choices.strategy = Strategy::kReplay;
-        report(which, outcome, "--schedule " + schedule, begin_schedule_text, schedule);
+        report(which, outcome,
+               "--preemptions " + std::to_string(g_choices.preemption_bound) + " --schedule " +
+                   schedule,
+               begin_schedule_text, schedule);
         g_choices.strategy = before;
     }
     return !outcome.failed;
@@ -103,7 +106,6 @@ bool run_schedule(const Case &which) {
 
 bool replay_schedule(const Case &which, const std::string &schedule) {
     g_choices.strategy = Strategy::kReplay;
-    g_choices.preemption_bound = 1000;
     g_choices.begin_replay(schedule);
     return run_schedule(which);
 }
