@@ -4,9 +4,12 @@
 #include "fake_wire.h"
 #include "log_lines.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -306,6 +309,53 @@ TEST_F(BusFrame, FailedAndTooLongReceivesAreFailures) {
     EXPECT_EQ(recv_message_func_unit(nullptr, 0, 1, dest.data(), 2), -1);
     xfer.addr = nullptr;
     EXPECT_EQ(recv_message_func_unit(&xfer, 0, 1, dest.data(), 2), -1);
+}
+
+TEST_F(BusFrame, AnHeaderOfOneByteIsCompared) {
+    const uint8_t a[] = {1};
+    const uint8_t b[] = {2};
+    EXPECT_EQ(packet_header_judge(a, a, 1), 0);
+    EXPECT_EQ(packet_header_judge(a, b, 1), -1);
+    EXPECT_EQ(packet_header_judge(a, b, 0), 0);
+}
+
+// Behind its last byte nothing may be read.
+TEST_F(BusFrame, AFrameThatEndsInItsHeaderIsNoReply) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *memory =
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    auto *end = static_cast<uint8_t *>(memory) + page;
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    const Frame good = response(0x1000, 0);
+    for (const size_t size : {0U, 5U, 6U, 11U, 12U, 25U}) {
+        std::copy_n(good.begin(), size, end - size);
+        EXPECT_EQ(judge_packet(end - size, static_cast<uint32_t>(size), 0x1000), -1) << size;
+    }
+    (void)munmap(memory, 2 * page);
+}
+
+TEST_F(BusFrame, AReadBackIsNoResponseAndAResponseCarriedOutNoFailure) {
+    wire_deliver(read_back(0x1000, {0}));
+    wire_deliver(response(0x1000, 0));
+    EXPECT_EQ(test::messages_of([&] {
+                  EXPECT_EQ(recv_response_message_func(&xfer, 0x1000, 1), -1);
+                  EXPECT_EQ(recv_response_message_func(&xfer, 0x1000, 1), 0);
+              }),
+              "");
+}
+
+TEST_F(BusFrame, NoBytesNeedNoPlace) {
+    wire_deliver(read_back(0x1000, {}));
+    EXPECT_EQ(recv_message_func_unit(&xfer, 0x1000, 0, nullptr, 2), 0);
+}
+
+TEST_F(BusFrame, ADescriptorIsUsableFromOneOn) {
+    const uint8_t data = 1;
+    xfer.sock_fd = 1;
+    EXPECT_EQ(send(1, &data, kWrite), 0);
+    xfer.sock_fd = 0;
+    EXPECT_EQ(send(1, &data, kWrite), -1);
 }
 
 TEST_F(BusFrame, ReceivingReadBackLogsAllFailuresButARefusal) {

@@ -64,6 +64,13 @@ protected:
     EthRawTrans xfer{};
 };
 
+// The first test of this program: nothing has opened the semaphore yet.
+TEST(BusSemaphore, IsNoneBeforeTheFirstOpening) {
+    semaphore_reset();
+    (void)semaphore_p();
+    EXPECT_EQ(semaphore_calls(), Calls{"change -1 -1"});
+}
+
 // --- writing ------------------------------------------------------------------------------------
 
 TEST_F(BusBlock, AWriteOf16001BytesIsThreeFrames) {
@@ -356,6 +363,7 @@ TEST_F(BusBlock, OpeningMakesAFreeSemaphoreAndFillsTheHandles) {
     for (const uint32_t cnt : {0U, 1U, 2U, 3U}) {
         EthRawTrans mine[3] = {};
         g_netdev_counts.clear();
+        errno = EAGAIN; // an old one is not shown
         EXPECT_EQ(log_of(0, [&] { return Open_Eth_Raw(cnt == 0 ? nullptr : mine, cnt); }),
                   "sem_id = 77, errno = 0.\n");
         EXPECT_EQ(g_netdev_counts, std::vector<uint32_t>{3}); // all three, whatever cnt is

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <gtest/gtest.h>
 #include <mutex>
 #include <semaphore.h>
 #include <sys/socket.h>
@@ -65,8 +66,9 @@ ssize_t __wrap_sendto(int fd, const void *data, size_t size, int flags, const so
 ssize_t __wrap_recvfrom(int fd, void *data, size_t size, int flags, sockaddr *from,
                         socklen_t *from_size);
 
-ssize_t __wrap_sendto(int fd, const void *data, size_t size, int /*flags*/, const sockaddr * /*to*/,
+ssize_t __wrap_sendto(int fd, const void *data, size_t size, int flags, const sockaddr * /*to*/,
                       socklen_t /*to_size*/) {
+    EXPECT_EQ(flags, 0);
     Wire &w = wire();
     const std::lock_guard guard(w.lock);
     const auto *bytes = static_cast<const uint8_t *>(data);
@@ -82,8 +84,9 @@ ssize_t __wrap_sendto(int fd, const void *data, size_t size, int /*flags*/, cons
     return next.result == kWholeFrame ? static_cast<ssize_t>(size) : next.result;
 }
 
-ssize_t __wrap_recvfrom(int /*fd*/, void *data, size_t size, int /*flags*/, sockaddr * /*from*/,
+ssize_t __wrap_recvfrom(int /*fd*/, void *data, size_t size, int flags, sockaddr * /*from*/,
                         socklen_t * /*from_size*/) {
+    EXPECT_EQ(flags, 0);
     Wire &w = wire();
     note_buffer(w, data);
     while (sem_wait(&w.delivered) == -1) {

@@ -1,4 +1,5 @@
 #include "eth_raw/eth_raw.h"
+#include "fake_heap.h"
 #include "log/log.h"
 #include "mem/mem.h"
 #include "mem/mem_priv.h"
@@ -89,7 +90,8 @@ TEST_F(MinBuffer, StartsAtEntryOneAndWrapsToEntryZero) {
     ASSERT_NE(first, nullptr);
     uint8_t *second = RawMsgMinBuffGet();
     const ptrdiff_t entry = second - first;
-    EXPECT_GT(entry, 0);
+    EXPECT_EQ(entry, static_cast<ptrdiff_t>(2 * sizeof(void *)));
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % sizeof(void *), 28 % sizeof(void *));
     for (int call = 3; call <= 999; call++) {
         ASSERT_NE(RawMsgMinBuffGet(), nullptr) << call;
     }
@@ -97,6 +99,11 @@ TEST_F(MinBuffer, StartsAtEntryOneAndWrapsToEntryZero) {
     EXPECT_EQ(printed(), "");
     EXPECT_EQ(RawMsgMinBuffGet(), nullptr); // the 1001st
     EXPECT_NE(printed().find("]:: min buffer is not enough\n"), std::string::npos);
+}
+
+TEST_F(MinBuffer, IsNotSetUpWithoutMemory) {
+    const HeapLimit limit(64);
+    EXPECT_EQ(RawMsgInitMinBuffer(), -1);
 }
 
 TEST_F(MinBuffer, KeepsAnEntryInUseWhenItIsFreed) {

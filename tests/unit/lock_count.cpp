@@ -19,7 +19,7 @@ namespace test {
 
 LockUse locks_of(const std::function<void()> &work) {
     const int before = t_use.kept;
-    t_use = {.taken = 0, .deepest = 0, .kept = 0};
+    t_use = {};
     work();
     const LockUse use = t_use;
     t_use.kept += before;
@@ -71,7 +71,11 @@ int __real_pthread_mutex_unlock(pthread_mutex_t *mutex);
 int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex);
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
+    int state = PTHREAD_CANCEL_ENABLE;
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    (void)pthread_setcancelstate(state, nullptr);
     const int result = __real_pthread_mutex_lock(mutex);
+    t_use.cancellable += state == PTHREAD_CANCEL_ENABLE ? 1 : 0;
     t_use.taken += 1;
     t_use.kept += 1;
     t_use.deepest = std::max(t_use.deepest, t_use.kept);

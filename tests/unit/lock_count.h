@@ -10,9 +10,10 @@
 namespace test {
 
 struct LockUse {
-    int taken;   // locks taken, in all
-    int deepest; // held at the same time
-    int kept;    // still held at the end
+    int taken;       // locks taken, in all
+    int deepest;     // held at the same time
+    int kept;        // still held at the end
+    int cancellable; // of those taken: where pthread_cancel could have ended the thread meanwhile
 };
 
 /** What the calling thread does with mutexes while it does this. */

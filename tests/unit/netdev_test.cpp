@@ -6,8 +6,10 @@
 #include "fake_netdev.h"
 #include "fake_wire.h"
 #include "forked.h"
+#include "lock_count.h"
 #include "log_lines.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
@@ -25,6 +27,12 @@ using Calls = std::vector<std::string>;
 const Calls kSocketCalls = {"socket", "SIOCGIFFLAGS eth1", "SIOCSIFFLAGS eth1 1103"};
 const Calls kOpenCalls = {"socket", "SIOCGIFFLAGS eth1", "SIOCSIFFLAGS eth1 1103",
                           "SIOCGIFINDEX eth1", "bind"};
+
+// Taken before anything in this process opens a link.
+const bool g_table_was_empty =
+    std::all_of(std::begin(g_eth_init), std::end(g_eth_init), [](const eth_init &record) {
+        return record.index == 0 && record.flag == 0 && record.sock_fd == 0;
+    });
 
 class Netdev : public testing::Test {
 protected:
@@ -362,6 +370,59 @@ TEST_F(Netdev, OthersMaySendAndReceiveWhileALinkIsClosedAndOpened) {
 }
 
 // The lock was in the hands of a thread that the child does not have.
+TEST_F(Netdev, TheTableIsEmptyAtProgramStart) {
+    EXPECT_TRUE(g_table_was_empty);
+    EXPECT_STREQ(g_netdev_name[0], "eth0");
+    EXPECT_STREQ(g_netdev_name[1], "eth1");
+    EXPECT_STREQ(g_netdev_name[2], "eth2");
+}
+
+TEST_F(Netdev, RecordsAreThoseOfTheTableAlone) {
+    EXPECT_EQ(link_record(-1), nullptr);
+    EXPECT_EQ(link_record(0), &g_eth_init[0]);
+    EXPECT_EQ(link_record(MAX_ETH - 1), &g_eth_init[MAX_ETH - 1]);
+    EXPECT_EQ(link_record(MAX_ETH), nullptr);
+    EXPECT_EQ(link_receiving_socket(MAX_ETH), -1);
+}
+
+// Hosts fill records themselves; of an empty one descriptor 0 is somebody else's.
+TEST_F(Netdev, ARecordHasASocketByItsFlagOrByItsDescriptor) {
+    EXPECT_EQ(RawSockMsgInit(1), 0);
+    eth_init &record = g_eth_init[1];
+    const int socket = record.sock_fd;
+    EXPECT_EQ(link_receiving_socket(1), socket);
+    record.flag = 0;
+    EXPECT_TRUE(link_is_up(1));
+    record.sock_fd = 1;
+    EXPECT_TRUE(link_is_up(1));
+    EXPECT_EQ(link_receiving_socket(1), 1);
+    record.sock_fd = 0;
+    EXPECT_FALSE(link_is_up(1));
+    record.flag = 1;
+    EXPECT_TRUE(link_is_up(1));
+    record.sock_fd = socket;
+}
+
+// Nobody is sending, nor cancelled, while a descriptor changes its meaning.
+TEST_F(Netdev, ALinkChangesUnderItsLock) {
+    test::LockUse use = test::locks_of([] { EXPECT_EQ(RawSockMsgInit(1), 0); });
+    EXPECT_GE(use.taken, 1);
+    EXPECT_EQ(use.kept, 0);
+    sockaddr_ll address{};
+    eth_init own{};
+    use = test::locks_of([&] { link_fill(own, 1, 5, address, true); });
+    EXPECT_EQ(use.taken, 0);
+    use =
+        test::locks_of([&] { link_fill(g_eth_init[1], 1, g_eth_init[1].sock_fd, address, true); });
+    EXPECT_EQ(use.taken, 1);
+    use = test::locks_of([] { link_bar_sending(1); });
+    EXPECT_EQ(use.taken, 1);
+    use = test::locks_of([] { link_close(1); });
+    EXPECT_EQ(use.deepest, 2); // under it that of the network which the test plays
+    EXPECT_EQ(use.cancellable, 0);
+    EXPECT_EQ(use.kept, 0);
+}
+
 TEST_F(Netdev, AForkedChildSendsAndClosesAlthoughItsParentWasSending) {
     EXPECT_EQ(RawSockMsgInit(1), 0);
     (void)pthread_mutex_lock(&g_eth_init[1].send_lock);

@@ -1,11 +1,46 @@
 #include "eth_raw/eth_raw.h"
 #include "fake_wire.h"
+#include "lock_count.h"
 #include "log/log.h"
+#include "output.h"
 
 #include <cerrno>
-#include <chrono>
+#include <ctime>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <thread>
+#include <unistd.h>
+
+namespace {
+
+thread_local const timespec *t_now = nullptr; // null = the real time
+thread_local timespec *t_deadline = nullptr;  // null = really sleep
+
+} // namespace
+
+extern "C" {
+
+int __real_clock_gettime(clockid_t clock, timespec *now);
+int __wrap_clock_gettime(clockid_t clock, timespec *now);
+int __real_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left);
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left);
+
+int __wrap_clock_gettime(clockid_t clock, timespec *now) {
+    if (t_now == nullptr) {
+        return __real_clock_gettime(clock, now);
+    }
+    *now = *t_now;
+    return 0;
+}
+
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left) {
+    if (t_deadline == nullptr) {
+        return __real_clock_nanosleep(clock, flags, time, left);
+    }
+    *t_deadline = *time;
+    return 0;
+}
+}
 
 namespace {
 
@@ -49,6 +84,8 @@ TEST_F(Transfer, RefusesBadArgumentsSilently) {
     EXPECT_EQ(RawSockMsgSend(0, 1, 3, 0, 1, 0, nullptr, 1), -1);
     EXPECT_EQ(RawSockMsgSend(3, 1, 3, 0, 1, 0, buf, 1), -1);
     EXPECT_EQ(RawSockMsgSendAgain(3, buf, 94), -1);
+    EXPECT_EQ(RawSockMsgSendAgain(0, nullptr, 94), -1);
+    EXPECT_EQ(RawSockMsgSendAgain(0, buf, 1431), -1);
     EXPECT_TRUE(wire_sent().empty());
     EXPECT_EQ(printed() + complained(), "");
 }
@@ -82,6 +119,19 @@ TEST_F(Transfer, ReportsAFailedAndAShortSend) {
     EXPECT_EQ(wire_sent().size(), 2U);
 }
 
+TEST_F(Transfer, SendsTheLongestFrameAgain) {
+    EXPECT_EQ(RawSockMsgSendAgain(0, buf, 1430), 1430);
+}
+
+// A thread that is cancelled in the middle of a transmission would leave the lock locked.
+TEST_F(Transfer, SendsUnderTheLinksLockWhileNobodyCancels) {
+    errno = 0;
+    const test::LockUse use = test::locks_of([this] { EXPECT_EQ(send(1), 94); });
+    EXPECT_EQ(use.deepest, 2); // under it that of the wire which the test plays
+    EXPECT_EQ(use.kept, 0);
+    EXPECT_EQ(use.cancellable, 0);
+}
+
 TEST_F(Transfer, SendsOnceMoreWhenTheSendFailedWithEagain) {
     wire_next_send(-1, EAGAIN);
     wire_next_send(kWholeFrame, 0);
@@ -91,11 +141,16 @@ TEST_F(Transfer, SendsOnceMoreWhenTheSendFailedWithEagain) {
 }
 
 TEST_F(Transfer, PausesForAMillisecondBeforeItSendsOnceMore) {
-    using Clock = std::chrono::steady_clock;
     wire_next_send(-1, EAGAIN);
-    const Clock::time_point start = Clock::now();
+    const timespec now{.tv_sec = 5, .tv_nsec = 0};
+    timespec deadline{};
+    t_now = &now;
+    t_deadline = &deadline;
     EXPECT_EQ(send(1), 94);
-    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1));
+    t_now = nullptr;
+    t_deadline = nullptr;
+    EXPECT_EQ(deadline.tv_sec, 5);
+    EXPECT_EQ(deadline.tv_nsec, 1000000);
 }
 
 // The pause of one sender is no gap for the frame of another.
@@ -191,6 +246,62 @@ TEST_F(Transfer, LeavesErrnoAloneWhileItDumps) {
     print_msg(buf, 3);
     EXPECT_EQ(errno, EPROTO);
     EXPECT_EQ(printed(), "send: \n\n00 00 00 \n");
+}
+
+TEST_F(Transfer, DumpsTheReceiveBufferAsReceived) {
+    print_flag = 1;
+    print_msg(gRecvBuffer, 0);
+    EXPECT_EQ(printed(), "recv: \n\n");
+}
+
+// A report that cannot be written must not look like a reason to send once more.
+TEST_F(Transfer, LeavesErrnoAloneWhenADumpCannotBeWritten) {
+    print_flag = 1;
+    (void)fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    (void)dup2(full, STDOUT_FILENO);
+    errno = 0;
+    print_msg(std::vector<uint8_t>(10000).data(), 10000); // more than a stream keeps back
+    EXPECT_EQ(errno, 0);
+    (void)fflush(stdout);
+    clearerr(stdout);
+    (void)dup2(saved, STDOUT_FILENO);
+    (void)close(saved);
+    (void)close(full);
+}
+
+TEST_F(Transfer, KeepsADumpTogetherAmongOthersLines) {
+    print_flag = 1;
+    (void)testing::internal::GetCapturedStdout();
+    const std::vector<uint8_t> frame(1430);
+    std::string expected = "send: \n";
+    for (size_t i = 0; i < frame.size(); i++) {
+        expected += i % 16 == 0 ? "\n00 " : "00 ";
+    }
+    const std::string text = test::output_among_others([&] {
+        for (int i = 0; i < 100; i++) {
+            print_msg(frame.data(), static_cast<int>(frame.size()));
+        }
+    });
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(test::occurrences(text, expected + "\n"), 100);
+}
+
+// A host may have closed its standard input.
+TEST_F(Transfer, ReceivesFromDescriptorZeroOfAnOpenLink) {
+    g_eth_init[0].flag = 1;
+    g_eth_init[0].sock_fd = 0;
+    wire_deliver(make_reply(7, 1, 3, 5, 0, 9, {0xAA}));
+    uint8_t ack = 0;
+    uint8_t slot = 0;
+    uint8_t code = 0;
+    uint16_t model = 0;
+    uint16_t seq = 0;
+    uint16_t len = 0;
+    uint32_t addr = 0;
+    EXPECT_NE(RawSockMsgRecv(0, &ack, &model, &slot, &addr, &code, &seq, &len), nullptr);
+    EXPECT_EQ(ack, 7);
 }
 
 TEST_F(Transfer, ReceivesAReplyIntoTheSharedBuffer) {
