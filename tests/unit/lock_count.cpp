@@ -26,6 +26,14 @@ LockUse locks_of(const std::function<void()> &work) {
     return use;
 }
 
+void locks_begin() {
+    t_use = {};
+}
+
+LockUse locks_since() {
+    return t_use;
+}
+
 int locks_held() {
     return t_use.kept;
 }

@@ -19,6 +19,10 @@ struct LockUse {
 /** What the calling thread does with mutexes while it does this. */
 LockUse locks_of(const std::function<void()> &work);
 
+/** The same for what cannot be called as a whole: from here on, and up to here. */
+void locks_begin();
+LockUse locks_since();
+
 /** Mutexes that the calling thread holds. */
 int locks_held();
 
