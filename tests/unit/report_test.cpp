@@ -123,6 +123,31 @@ TEST_F(Report, SendsAFullReadBufferButNothingOfALongerReplyWhichIsNotCopied) {
     ApMsgBuffFree(record.read_buf);
 }
 
+// Two threads may report: the receive and the check thread.
+TEST_F(Report, IsPrintedTogether) {
+    const std::string alone = test::output_of([this] { WriteAckResultReport(&record, 3); });
+    record.read_buf = ApMsgBuffGet(1400);
+    const std::string read_alone = test::output_of([this] { ReadResultReport(&record, 3); });
+    const std::string text = test::output_among_others([this] {
+        for (int i = 0; i < 200; i++) {
+            WriteAckResultReport(&record, 3);
+            ReadResultReport(&record, 3);
+        }
+    });
+    EXPECT_EQ(test::occurrences(text, alone), 200);
+    EXPECT_EQ(test::occurrences(text, read_alone), 200);
+    ApMsgBuffFree(record.read_buf);
+}
+
+TEST_F(Report, OfAReadSaysSoWhateverTheBufferHeld) {
+    record.read_buf = ApMsgBuffGet(1400);
+    memset(ApMsgBuffHeadGet(record.read_buf), 0xA5, 38);
+    (void)test::output_of([this] { ReadResultReport(&record, 0); });
+    ASSERT_EQ(g_messages.size(), 1U);
+    EXPECT_EQ(g_messages[0].bytes.at(26), 0); // the code of a read
+    ApMsgBuffFree(record.read_buf);
+}
+
 TEST(MessageBuffer, LiesBehindTheHeadsOfItsMessage) {
     const int64_t out = mem_handed_out();
     uint8_t *data = ApMsgBuffGet(0);

@@ -16,6 +16,7 @@ std::string shown(std::string_view text) {
 TEST(Shown, LeavesTextsAsTheyAre) {
     for (const std::string &text :
          {""s, "fw.bin"s, "a b ~ ! \\ ' \" %s %n"s, "caf\xC3\xA9"s, "\xC2\xA0\xDF\xBF"s,
+          "\xC3\x80\xE1\x80\x80\xF1\x80\x80\x80"s, // the least of their leads
           "\xE0\xA0\x80\xE5\x9B\xBE\xEF\xBF\xBD"s, "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"s}) {
         EXPECT_EQ(shown(text), text);
     }
