@@ -71,6 +71,13 @@ TEST(BusSemaphore, IsNoneBeforeTheFirstOpening) {
     EXPECT_EQ(semaphore_calls(), Calls{"change -1 -1"});
 }
 
+TEST_F(BusBlock, ABlockOfNoBytesNeedsNoPlace) {
+    EXPECT_EQ(write_process_func(&xfer, 0x1000, 0, nullptr), 0);
+    EXPECT_EQ(read_process_func(&xfer, 0x1000, 0, nullptr), 0);
+    EXPECT_TRUE(wire_sent().empty());
+    EXPECT_EQ(set_semvalue(), 0);
+}
+
 // --- writing ------------------------------------------------------------------------------------
 
 TEST_F(BusBlock, AWriteOf16001BytesIsThreeFrames) {
