@@ -47,6 +47,13 @@ TEST(TimerStart, SetsPeriodAndRestAndForgetsAnExpiry) {
     expect_timer(timer, 0, 0, 0);
 }
 
+TEST(TimerStart, RunsATimerOfOneTick) {
+    Timer timer{};
+    timerStart(1, &timer);
+    timer_age(timer, 1);
+    expect_timer(timer, 1, 1, 1);
+}
+
 TEST(TimerStop, ClearsThePeriodOnly) {
     Timer timer{.period = 9, .remaining = 4, .expired = 1};
     timerStop(&timer);
