@@ -2,7 +2,7 @@
 #ifndef SIMULATION_ARGUMENTS_H
 #define SIMULATION_ARGUMENTS_H
 
-#include "choices.h"
+#include "scheduler/choices.h"
 
 #include <optional>
 

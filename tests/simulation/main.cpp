@@ -2,12 +2,12 @@
 //
 // Exit status: 0 no fault, 1 faults, 2 usage.
 #include "arguments.h"
-#include "cases.h"
-#include "crash.h"
-#include "scheduler.h"
-#include "settings.h"
-#include "trace.h"
-#include "world.h"
+#include "cases/cases.h"
+#include "scheduler/crash.h"
+#include "scheduler/scheduler.h"
+#include "scheduler/settings.h"
+#include "scheduler/trace.h"
+#include "world/world.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,4 +1,0 @@
-// First of the product's objects: its variables follow.
-#include "variables.h"
-int sim_data_begin = 1;
-int sim_bss_begin;

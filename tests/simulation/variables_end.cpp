@@ -1,4 +1,0 @@
-// Last of the product's objects: its variables stand before these.
-#include "variables.h"
-int sim_data_end = 1;
-int sim_bss_end;
