@@ -159,8 +159,9 @@ public:
 
     void run() {
         while (!g_stop) {
-            step();
-            check_pending(Clock::now());
+            const auto now = Clock::now();
+            check_pending(now); // before a write makes known what stands there
+            step(now);
             g_progress[static_cast<size_t>(number_)] += 1;
             std::this_thread::sleep_for(kPace);
         }
@@ -176,9 +177,9 @@ private:
         return places_[index * kRegions + random_.below(kRegions)];
     }
 
-    void step() {
+    void step(Clock::time_point now) {
         Place &place = any_place();
-        const bool is_quiet = Clock::now() >= place.quiet_from;
+        const bool is_quiet = now >= place.quiet_from;
         Tally &tally = g_tallies[static_cast<size_t>(place.index)];
         tally.calls += 1;
         switch (random_.below(12)) {
