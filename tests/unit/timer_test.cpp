@@ -312,6 +312,9 @@ TEST_F(TimerUpdate, AgesEveryInterfaceByAllTicks) {
     for (int i = 0; i < kInterfaces; i++) {
         expect_timer(timer(i), 100, 93, 0);
     }
+    update(1, 2); // a single tick, too
+    timerUpdate(0, kKinds);
+    expect_timer(timer(0), 100, 92, 0);
 }
 
 TEST_F(TimerUpdate, KeepsNoTicksForAnInterfaceThatTakesNoPart) {
