@@ -18,6 +18,9 @@ thread_local timespec *t_deadline = nullptr;  // null = really sleep
 
 } // namespace
 
+// Visible outside: a sanitizer's library calls the wrapped names, too.
+#pragma GCC visibility push(default)
+
 extern "C" {
 
 int __real_clock_gettime(clockid_t clock, timespec *now);
@@ -41,6 +44,8 @@ int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, tim
     return 0;
 }
 }
+
+#pragma GCC visibility pop
 
 namespace {
 
