@@ -155,6 +155,10 @@ TEST_F(ThreadBodies, ACheckPassAgesAndTimesOutEveryQueue) {
         EXPECT_EQ(spare->count, 0U);
         pthread_exit(nullptr);
     });
+    for (int queue = 0; queue < kQueueKinds; queue++) {
+        EXPECT_EQ(queue_empty(kIndex, queue), 0);
+    }
+    (void)mem_uinit();
 }
 
 // What is begun under a lock is finished: a cancelled thread would leave others waiting.
