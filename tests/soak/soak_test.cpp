@@ -210,7 +210,9 @@ protected:
 
     // --- pictures and firmware -------------------------------------------------------------------
 
-    void serve_files() {
+    // The service keeps only the latest file request that its file thread has not taken yet: the
+    // next one waits until the card has the picture.
+    void serve_files(const Process &card) {
         const Client client(sockets_, 0x58);
         const std::string pixels = directory_.file("pixels", pattern(size_t{64} * 50 * 3));
         const std::string firmware = directory_.file("fw.bin", pattern(3000));
@@ -221,12 +223,23 @@ protected:
             get_picture(client, picture);
             send_file_request(client, 0xEE, {64, 0, 0, 0, 50, 0, 0, 0}, pixels);
             tally_.pictures_written += 1;
-            std::this_thread::sleep_for(200ms); // the file thread has it
+            ASSERT_TRUE(await_pictures(card, tally_.pictures_written)) << "a picture is lost";
             send_file_request(client, 0xEF, {0x19, 0, 0, 0}, firmware);
             const Bytes reply = client.receive(kReply);
             ASSERT_GE(reply.size(), kMessageHead) << "no reply to an update";
             (from_bytes(reply).result == 0 ? tally_.updates : tally_.failed_updates) += 1;
         }
+    }
+
+    static bool await_pictures(const Process &card, int64_t wanted) {
+        const auto give_up = Clock::now() + kReply;
+        while (count(card.out(), "picture port: ") < wanted) {
+            if (Clock::now() > give_up) {
+                return false;
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+        return true;
     }
 
     static void send_file_request(const Client &client, uint8_t code, Bytes data,
@@ -422,7 +435,7 @@ TEST_F(Soak, EverythingAtOnceGoesOn) {
     for (uint8_t number = 0; number < 3; number++) {
         threads.emplace_back([this, number] { serve_registers(number); });
     }
-    threads.emplace_back([this] { serve_files(); });
+    threads.emplace_back([this, &card = cards[0]] { serve_files(card); });
     threads.emplace_back([this] { move_blocks(); });
 
     std::this_thread::sleep_for(std::chrono::seconds(std::min(60L, seconds_ / 2)));
