@@ -16,6 +16,7 @@ from source import Source
 PRESET = "release"
 INCLUDE = '#include "{header}"\n#line 1\n'
 QUICK = "add_compile_options(-w -O1 -g0)\n"
+QUIET = "add_compile_options(-w)\n"  # where another program compiles a file of src once more
 
 
 class Scratch:
@@ -51,8 +52,12 @@ class Scratch:
                 (self.path / name).parent.mkdir(parents=True, exist_ok=True)
                 shutil.copy2(self.root / name, self.path / name)
         shutil.copy(self.root / "scripts" / "mutation" / "switch.h", self.header)
-        rules = self.path / "src" / "CMakeLists.txt"
-        rules.write_text(QUICK + rules.read_text())
+        for rules in self.path.rglob("CMakeLists.txt"):
+            text = rules.read_text()
+            if rules.parent == self.path / "src":
+                rules.write_text(QUICK + text)
+            elif re.search(r"SOURCE_DIR\}/src/\S+\.cpp", text):
+                rules.write_text(QUIET + text)
         self.call(["cmake", "--preset", PRESET, "-DRUK_BENCH=OFF"], self.path)
         commands = json.loads((self.binary / "compile_commands.json").read_text())
         own = str(self.binary / "src")  # other programs may compile the same files once more
@@ -65,8 +70,12 @@ class Scratch:
         self.call(command, self.path)
 
     def links(self):
-        """How each program is linked: its name, and the file with the command."""
-        found = self.binary.rglob("link.txt")
+        """How each program is linked: its name, and the file with the command.
+
+        Not that of the simulation: it has a scheduler of its own, and no test that is run here.
+        """
+        found = [path for path in self.binary.rglob("link.txt")
+                 if self.binary / "tests" / "simulation" not in path.parents]
         return {path.parent.name.removesuffix(".dir"): path for path in found}
 
     def compiles(self, name, text, output="/dev/null"):
