@@ -4,7 +4,7 @@
 #include "calls/bus_semaphore.h"
 #include "calls/link.h"
 #include "calls/locks.h"
-#include "memory/product_memory.h"
+#include "memory/buffer.h"
 #include "scheduler/choices.h"
 #include "scheduler/scheduler.h"
 #include "scheduler/settings.h"
@@ -20,26 +20,8 @@ namespace sim {
 
 namespace {
 
-constexpr uint8_t kUntouched = 0xA5;
 EthRawTrans g_transfers[kInterfaces];
 bool g_goes_on;
-
-class Buffer {
-public:
-    explicit Buffer(size_t size) : bytes_(static_cast<uint8_t *>(heap_take(size, "block"))) {
-    }
-    ~Buffer() {
-        heap_release(bytes_);
-    }
-    uint8_t *get() const {
-        return bytes_;
-    }
-    Buffer(const Buffer &) = delete;
-    Buffer &operator=(const Buffer &) = delete;
-
-private:
-    uint8_t *bytes_;
-};
 
 // Other traffic: without a time-out a read waits for frames, whatever they are.
 void send_other_traffic() {

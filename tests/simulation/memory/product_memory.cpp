@@ -19,8 +19,7 @@ namespace {
 
 constexpr size_t kUnit = 8; // the pool's headers are a multiple of it
 constexpr size_t kHeapSize = 16 << 20;
-constexpr size_t kGap = 16; // between two blocks
-constexpr uint8_t kFresh = 0xA5;
+constexpr size_t kGap = 16;                        // between two blocks
 constexpr uintptr_t kHeapAddress = 0x600000000000; // the same in every process, for the traces
 
 struct Block {
@@ -136,7 +135,7 @@ void *heap_take(size_t size, const char *what) {
     g_heap_used += whole + kGap;
     g_blocks[unit_of(block)] = {.size = static_cast<uint32_t>(whole), .what = what};
     const OutsideProduct outside;
-    memset(block, kFresh, whole);
+    memset(block, kUntouched, whole);
     mark(block, whole, Use::kInUse);
     g_blocks_in_use += 1;
     return block;
@@ -164,7 +163,7 @@ int64_t heap_blocks_in_use() {
 void pool_hands_out(void *data, size_t size) {
     {
         const OutsideProduct outside;
-        memset(data, kFresh, size); // the pool promises no content
+        memset(data, kUntouched, size); // the pool promises no content
     }
     mark(data, size, Use::kInUse);
     g_is_handed_out[unit_of(data)] = true;

@@ -23,7 +23,10 @@ bool is_product_variable(const void *address);
 size_t heap_offset(const void *address);
 size_t variable_offset(const void *address);
 
-/** Memory for a block or a case's buffers; filled with a pattern. Null never. */
+/** In memory that nobody has written to since it was handed out. */
+constexpr uint8_t kUntouched = 0xA5;
+
+/** Memory for a block or a case's buffers; untouched. Null never. */
 void *heap_take(size_t size, const char *what);
 void heap_release(void *block);
 bool heap_is_start_of_block(const void *address);

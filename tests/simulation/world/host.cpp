@@ -2,7 +2,7 @@
 
 #include "calls/link.h"
 #include "calls/locks.h"
-#include "memory/product_memory.h"
+#include "memory/buffer.h"
 #include "memory/queue_probe.h"
 #include "scheduler/scheduler.h"
 #include "scheduler/settings.h"
@@ -30,7 +30,6 @@ constexpr uint32_t kFrameRoom = 1400;
 constexpr uint8_t kCodeRead = 0x00;
 constexpr uint8_t kCodeWrite = 0x01;
 constexpr uint8_t kCodeWriteAck = 0x11;
-constexpr uint8_t kUntouched = 0xA5; // what the simulation's heap hands out
 constexpr Time kTick = 30 * kMillisecond;
 constexpr Time kPass = 10 * kMillisecond;
 constexpr int kQueues = 4;
@@ -93,24 +92,6 @@ private:
     bool is_done_ = false;
     int32_t least_;
     int32_t most_;
-};
-
-// A buffer that is gone when its request has ended, also when the caller is cancelled.
-class Buffer {
-public:
-    explicit Buffer(size_t size) : bytes_(static_cast<uint8_t *>(heap_take(size, "buffer"))) {
-    }
-    ~Buffer() {
-        heap_release(bytes_);
-    }
-    uint8_t *get() const {
-        return bytes_;
-    }
-    Buffer(const Buffer &) = delete;
-    Buffer &operator=(const Buffer &) = delete;
-
-private:
-    uint8_t *bytes_;
 };
 
 void check_bytes(int index, uint32_t addr, const uint8_t *bytes, uint32_t len) {
