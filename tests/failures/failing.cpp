@@ -1,5 +1,7 @@
 #include "failing.h"
 
+#include "card_and_files.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -149,6 +151,17 @@ std::vector<Failure> single_and_lasting(std::initializer_list<Failure> failures)
         all.push_back(failure);
     }
     return all;
+}
+
+std::vector<Failure> with_files(std::vector<Failure> failures) {
+    for (const Failure &failure : single_and_lasting({{Call::kOpen, EMFILE},
+                                                      {Call::kFdopen, ENOMEM},
+                                                      {Call::kFread, EIO},
+                                                      {Call::kFwrite, ENOSPC},
+                                                      {Call::kFclose, ENOSPC}})) {
+        failures.push_back(failure);
+    }
+    return failures;
 }
 
 Finished run_to_end(const Launch &launch) {

@@ -1,6 +1,6 @@
 // The request service with one failing call after the other: it says so, goes on serving, and keeps
 // nothing.
-#include "failing.h"
+#include "card_and_files.h"
 
 #include "tests/system/cable.h"
 #include "tests/system/service.h"
@@ -21,11 +21,6 @@ using bed::from_bytes;
 using bed::Message;
 using bed::pattern;
 
-constexpr uint32_t kAddr = 0x12340;
-constexpr size_t kReadLen = 20;
-constexpr size_t kFileSize = 3000;
-constexpr uint16_t kWidth = 20; // of a picture: two frames
-constexpr uint16_t kHeight = 25;
 constexpr uint32_t kFailed = 0xFFFFFFFF;
 constexpr auto kReply = 3s;    // a card that is not asked costs half a second
 constexpr auto kQuiet = 800ms; // nothing that a working card answers takes so long
@@ -58,22 +53,10 @@ std::vector<Failure> failures_of_requests() {
                                {Call::kApipcSend, ECONNREFUSED}});
 }
 
-std::vector<Failure> failures_of_file_requests() {
-    std::vector<Failure> all = failures_of_requests();
-    for (const Failure &failure : single_and_lasting({{Call::kOpen, EMFILE},
-                                                      {Call::kFdopen, ENOMEM},
-                                                      {Call::kFread, EIO},
-                                                      {Call::kFwrite, ENOSPC},
-                                                      {Call::kFclose, ENOSPC}})) {
-        all.push_back(failure);
-    }
-    return all;
-}
-
 std::vector<Kind> kinds() {
     const Bytes size = {kWidth, 0, 0, 0, kHeight, 0, 0, 0};
     const auto requests = failures_of_requests();
-    const auto files = failures_of_file_requests();
+    const auto files = with_files(requests);
     return {{"read", 0x00, kAddr, kReadLen, {}, nullptr, true, 0, requests},
             {"write", 0x01, kAddr, 0, {1, 2, 3}, nullptr, false, 0, requests},
             {"write_ack", 0x02, kAddr, 0, {4, 5, 6}, nullptr, true, 0, requests},
@@ -161,7 +144,7 @@ struct Outcome {
     std::map<std::string, Bytes> files;
 };
 
-class Served : public bed::SystemTest {
+class Served : public CardAndFiles {
 protected:
     [[nodiscard]] Message request_of(const Kind &kind) const {
         Message request{.code = kind.code, .slot = 3, .model = 0x0102, .seq = 7, .addr = kind.addr};
@@ -242,17 +225,7 @@ protected:
         }
     }
 
-    Card card_with_data() const {
-        std::filesystem::create_directories(directory.path("got"));
-        return Card({"--memory-load", memory_ + "@12340", "--firmware-dir", directory.path("got")});
-    }
-
-    Directory directory;
     std::string sockets = directory.path("m");
-    std::string memory_ = directory.file("memory", pattern(kFileSize));
-    std::string picture_ = directory.file("picture", pattern(size_t{kWidth} * kHeight * 3));
-    std::string firmware_ = directory.file("fw.bin", pattern(kFileSize));
-    Failing order{directory};
 };
 
 // --- while it serves ----------------------------------------------------------------------------
@@ -446,9 +419,9 @@ TEST_P(IpcClient, EndsAndSaysNothingUntrueWhicheverCallFails) {
     bed::Service rukd(sockets);
     Words words = {"ruk-ipc", "--timeout", "2000", "--slot", "3", "--model", "102"};
     for (const std::string &word : GetParam().words) {
-        words.push_back(word == "FILE"   ? picture_
+        words.push_back(word == "FILE"   ? picture
                         : word == "OUT"  ? directory.path("out")
-                        : word == "FIRM" ? firmware_
+                        : word == "FIRM" ? firmware
                                          : word);
     }
     const Launch launch = order.with_module({.argv = words,

@@ -1,5 +1,5 @@
 // The tool with one failing call after the other: it ends, and what it says is true.
-#include "failing.h"
+#include "card_and_files.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -11,10 +11,6 @@ namespace {
 using bed::Capture;
 using bed::Card;
 using bed::pattern;
-
-constexpr uint32_t kAddr = 0x12340; // of everything that is written and read
-constexpr size_t kReadLen = 20;
-constexpr size_t kFileSize = 3000; // three frames
 
 // What every command calls before it comes to its own work.
 std::vector<Failure> failures_of_the_link() {
@@ -30,15 +26,7 @@ std::vector<Failure> failures_of_the_link() {
 }
 
 std::vector<Failure> failures_with_files() {
-    std::vector<Failure> all = failures_of_the_link();
-    for (const Failure &failure : single_and_lasting({{Call::kOpen, EMFILE},
-                                                      {Call::kFdopen, ENOMEM},
-                                                      {Call::kFread, EIO},
-                                                      {Call::kFwrite, ENOSPC},
-                                                      {Call::kFclose, ENOSPC}})) {
-        all.push_back(failure);
-    }
-    return all;
+    return with_files(failures_of_the_link());
 }
 
 // What a run did, and what it said.
@@ -132,7 +120,7 @@ std::vector<Command> commands() {
     };
 }
 
-class Tool : public bed::SystemTest, public testing::WithParamInterface<Command> {
+class Tool : public CardAndFiles, public testing::WithParamInterface<Command> {
 protected:
     Words words() const {
         Words words = GetParam().words;
@@ -140,9 +128,9 @@ protected:
             if (word == "FILE") {
                 word = file_;
             } else if (word == "PICTURE") {
-                word = picture_;
+                word = picture;
             } else if (word == "FIRMWARE") {
-                word = firmware_;
+                word = firmware;
             }
         }
         return words;
@@ -150,8 +138,8 @@ protected:
 
     // The card numbers the files; the directory is empty before each run.
     Outcome run() {
-        std::filesystem::remove_all(got_);
-        std::filesystem::create_directories(got_);
+        std::filesystem::remove_all(saved);
+        std::filesystem::create_directories(saved);
         Capture wire;
         const Launch launch = order.with_module({.argv = bed::ruk_command(words())});
         const Finished said = run_to_end(launch);
@@ -160,7 +148,7 @@ protected:
 
     bool has_firmware() const {
         return std::ranges::any_of(
-            std::filesystem::directory_iterator(got_),
+            std::filesystem::directory_iterator(saved),
             [](const auto &entry) { return bed::content_of(entry.path()) == pattern(kFileSize); });
     }
 
@@ -187,18 +175,7 @@ protected:
         }
     }
 
-    Card card_with_data() const {
-        std::filesystem::create_directories(got_);
-        return Card({"--memory-load", memory_ + "@" + kAddrWord, "--firmware-dir", got_});
-    }
-
-    Directory directory;
     std::string file_ = directory.file("file", pattern(kFileSize));
-    std::string memory_ = directory.file("memory", pattern(kFileSize));
-    std::string picture_ = directory.file("picture", pattern(20 * 25 * 3));
-    std::string firmware_ = directory.file("fw.bin", pattern(kFileSize));
-    std::string got_ = directory.path("got");
-    Failing order{directory};
 };
 
 TEST_P(Tool, EndsAndSaysNothingUntrueWhicheverCallFails) {
