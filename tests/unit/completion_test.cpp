@@ -7,6 +7,7 @@
 #include "output.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg_priv.h"
+#include "request_ends.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -15,6 +16,8 @@
 #include "mem/mem.h"
 
 namespace {
+
+using test::posts;
 
 constexpr uint32_t kAddr = 0x1000;
 constexpr uint16_t kSeq = 77;
@@ -73,14 +76,6 @@ protected:
             catch_alarm(SIGALRM);
         }
         timerUpdate(0, 6);
-    }
-
-    static int posts() {
-        int count = 0;
-        while (sem_trywait(&sem_test) == 0) {
-            count += 1;
-        }
-        return count;
     }
 
     static bool is_posted(RawMsgQueueNode *record) {

@@ -11,6 +11,7 @@
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg_priv.h"
 #include "raw_msg/watch.h"
+#include "request_ends.h"
 
 #include <algorithm>
 #include <array>
@@ -24,28 +25,12 @@
 
 namespace {
 
+using test::posts;
+using test::queues_are_empty;
+
 using namespace std::chrono_literals;
 
 constexpr uint8_t kByte = 0x5A;
-
-int posts() {
-    int count = 0;
-    while (sem_trywait(&sem_test) == 0) {
-        count += 1;
-    }
-    return count;
-}
-
-bool queues_are_empty() {
-    for (int i = 0; i < kQueueInterfaces; i++) {
-        for (int j = 0; j < kQueueKinds; j++) {
-            if (queue_get(i, j) != nullptr) {
-                return false;
-            }
-        }
-    }
-    return true;
-}
 
 void await(const std::function<bool()> &condition) {
     for (int i = 0; i < 10000 && !condition(); i++) {

@@ -8,6 +8,7 @@
 #include "output.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg.h"
+#include "request_ends.h"
 
 #include <atomic>
 #include <cerrno>
@@ -21,31 +22,15 @@
 
 namespace {
 
+using test::posts;
+using test::queues_are_empty;
+
 std::atomic<int> g_failing_malloc{-1}; // so many further calls succeed, then one fails; -1 = none
 
 std::vector<uint8_t> counting(size_t count) {
     std::vector<uint8_t> bytes(count);
     std::iota(bytes.begin(), bytes.end(), uint8_t{1});
     return bytes;
-}
-
-int posts() {
-    int count = 0;
-    while (sem_trywait(&sem_test) == 0) {
-        count += 1;
-    }
-    return count;
-}
-
-bool queues_are_empty() {
-    for (int i = 0; i < kQueueInterfaces; i++) {
-        for (int j = 0; j < kQueueKinds; j++) {
-            if (queue_get(i, j) != nullptr) {
-                return false;
-            }
-        }
-    }
-    return true;
 }
 
 std::vector<uint8_t> payload_of(const Frame &frame) {

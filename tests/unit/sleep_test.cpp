@@ -1,9 +1,9 @@
 // sleep_test.cpp - sleeps and waits last their full time although the tick interrupts them.
 //
-// Only lower bounds: a busy machine may be late at any time. Linked with
-// --wrap=clock_gettime,clock_nanosleep for the one test that plays the clock.
+// Only lower bounds: a busy machine may be late at any time. One test plays the clock instead.
 #include "timer/sleep.h"
 
+#include "fake_clock.h"
 #include "log/relaxed.h"
 #include "mem/locks.h"
 #include "timer/timer.h"
@@ -18,44 +18,6 @@
 #include <csignal>
 #include <ctime>
 #include <thread>
-
-namespace {
-
-thread_local const timespec *t_now = nullptr; // null = the real time
-thread_local timespec *t_deadline = nullptr;  // null = really sleep
-
-} // namespace
-
-// Visible outside: a sanitizer's library calls the wrapped names, too.
-#pragma GCC visibility push(default)
-
-extern "C" {
-
-int __real_clock_gettime(clockid_t clock, timespec *now);
-int __wrap_clock_gettime(clockid_t clock, timespec *now);
-int __real_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left);
-int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left);
-
-int __wrap_clock_gettime(clockid_t clock, timespec *now) {
-    if (t_now == nullptr) {
-        return __real_clock_gettime(clock, now);
-    }
-    *now = *t_now;
-    return 0;
-}
-
-int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left) {
-    if (t_deadline == nullptr) {
-        return __real_clock_nanosleep(clock, flags, time, left);
-    }
-    EXPECT_EQ(clock, CLOCK_MONOTONIC);
-    EXPECT_EQ(flags, TIMER_ABSTIME);
-    *t_deadline = *time;
-    return 0;
-}
-}
-
-#pragma GCC visibility pop
 
 namespace {
 
@@ -124,14 +86,10 @@ TEST(SleepFullUntil, IsTheClockAndTheTime) {
         {{.tv_sec = 5, .tv_nsec = 7}, 2300000us, {.tv_sec = 7, .tv_nsec = 300000007}},
     };
     for (const Row &row : rows) {
-        timespec deadline{};
-        t_now = &row.now;
-        t_deadline = &deadline;
+        const FakeClock clock(row.now);
         sleep_full(row.duration);
-        t_now = nullptr;
-        t_deadline = nullptr;
-        EXPECT_EQ(deadline.tv_sec, row.deadline.tv_sec) << row.duration.count();
-        EXPECT_EQ(deadline.tv_nsec, row.deadline.tv_nsec) << row.duration.count();
+        EXPECT_EQ(clock.deadline().tv_sec, row.deadline.tv_sec) << row.duration.count();
+        EXPECT_EQ(clock.deadline().tv_nsec, row.deadline.tv_nsec) << row.duration.count();
     }
 }
 

@@ -1,4 +1,5 @@
 #include "eth_raw/eth_raw.h"
+#include "fake_clock.h"
 #include "fake_wire.h"
 #include "lock_count.h"
 #include "log/log.h"
@@ -10,42 +11,6 @@
 #include <gtest/gtest.h>
 #include <thread>
 #include <unistd.h>
-
-namespace {
-
-thread_local const timespec *t_now = nullptr; // null = the real time
-thread_local timespec *t_deadline = nullptr;  // null = really sleep
-
-} // namespace
-
-// Visible outside: a sanitizer's library calls the wrapped names, too.
-#pragma GCC visibility push(default)
-
-extern "C" {
-
-int __real_clock_gettime(clockid_t clock, timespec *now);
-int __wrap_clock_gettime(clockid_t clock, timespec *now);
-int __real_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left);
-int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left);
-
-int __wrap_clock_gettime(clockid_t clock, timespec *now) {
-    if (t_now == nullptr) {
-        return __real_clock_gettime(clock, now);
-    }
-    *now = *t_now;
-    return 0;
-}
-
-int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *time, timespec *left) {
-    if (t_deadline == nullptr) {
-        return __real_clock_nanosleep(clock, flags, time, left);
-    }
-    *t_deadline = *time;
-    return 0;
-}
-}
-
-#pragma GCC visibility pop
 
 namespace {
 
@@ -147,15 +112,10 @@ TEST_F(Transfer, SendsOnceMoreWhenTheSendFailedWithEagain) {
 
 TEST_F(Transfer, PausesForAMillisecondBeforeItSendsOnceMore) {
     wire_next_send(-1, EAGAIN);
-    const timespec now{.tv_sec = 5, .tv_nsec = 0};
-    timespec deadline{};
-    t_now = &now;
-    t_deadline = &deadline;
+    const FakeClock clock({.tv_sec = 5, .tv_nsec = 0});
     EXPECT_EQ(send(1), 94);
-    t_now = nullptr;
-    t_deadline = nullptr;
-    EXPECT_EQ(deadline.tv_sec, 5);
-    EXPECT_EQ(deadline.tv_nsec, 1000000);
+    EXPECT_EQ(clock.deadline().tv_sec, 5);
+    EXPECT_EQ(clock.deadline().tv_nsec, 1000000);
 }
 
 // The pause of one sender is no gap for the frame of another.
