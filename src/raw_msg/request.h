@@ -10,7 +10,7 @@
 /** What tells the four kinds of requests apart. */
 struct RequestKind {
     const char *operation;  // named in failure messages
-    const char *queue_name; // likewise
+    const char *queue_name; // likewise, when it is full; null where room is waited for
     int queue;
     bool is_waiting;            // the sender sleeps until the request has ended
     bool waits_for_room;        // on a full queue: wait until there is room, do not empty it

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr RequestKind kAck{.operation = "RawSockSendOneMsgWithAck",
-                           .queue_name = "ACK_QUEUE",
+                           .queue_name = nullptr,
                            .queue = ACK_QUEUE,
                            .is_waiting = false,
                            .waits_for_room = true,
