@@ -71,6 +71,16 @@ protected:
         return record;
     }
 
+    // As a host takes out its requests.
+    static void take_out_all() {
+        for (const int queue : {ACK_QUEUE, ACK_WAIT_QUEUE, READ_QUEUE, READ_WAIT_QUEUE}) {
+            while (RawMsgQueueNode *record = queue_get(0, queue)) {
+                RawMsgBuffFree(record->buf);
+                EXPECT_EQ(queue_del(0, queue, &record), 0);
+            }
+        }
+    }
+
     static void pass_ticks(int ticks) {
         for (int i = 0; i < ticks; i++) {
             catch_alarm(SIGALRM);
@@ -129,24 +139,28 @@ TEST_F(Completion, ARefusedWriteIsSentAgainWithoutLimit) {
     EXPECT_EQ(wire_sent()[0].size(), 94U);
 }
 
+// Nor does it end what its time-outs are about to end.
 TEST_F(Completion, Status255InAReplyDoesNothing) {
-    RawMsgQueueNode *write = queued(ACK_QUEUE, 1, 3);
-    RawMsgQueueNode *write_wait = queued(ACK_WAIT_QUEUE, 0, 3);
-    RawMsgQueueNode *read = queued(READ_QUEUE, 1, 3);
-    RawMsgQueueNode *read_wait = queued(READ_WAIT_QUEUE, 0, 3);
-    const std::string text = test::output_of([&] {
-        AckRawMsg(0, kAddr, 255, kSeq, 4, data);
-        AckWaitRawMsg(0, kAddr, 255, kSeq, 4, data);
-        ReadRawMsg(0, kAddr, 255, kSeq, 4, data);
-        ReadWaitRawMsg(0, kAddr, 255, kSeq, 4, data);
-    });
-    EXPECT_EQ(text, "");
-    EXPECT_EQ(queue_get(0, ACK_QUEUE), write);
-    EXPECT_EQ(queue_get(0, READ_QUEUE), read);
-    EXPECT_FALSE(is_posted(write_wait));
-    EXPECT_FALSE(is_posted(read_wait));
-    EXPECT_EQ(posts(), 0);
-    EXPECT_EQ(read_buf[0], 0xEE);
+    for (const uint32_t timeouts : {0U, 3U}) {
+        RawMsgQueueNode *write = queued(ACK_QUEUE, 1 + timeouts, 3);
+        RawMsgQueueNode *write_wait = queued(ACK_WAIT_QUEUE, timeouts, 3);
+        RawMsgQueueNode *read = queued(READ_QUEUE, 1 + timeouts, 3);
+        RawMsgQueueNode *read_wait = queued(READ_WAIT_QUEUE, timeouts, 3);
+        const std::string text = test::output_of([&] {
+            AckRawMsg(0, kAddr, 255, kSeq, 4, data);
+            AckWaitRawMsg(0, kAddr, 255, kSeq, 4, data);
+            ReadRawMsg(0, kAddr, 255, kSeq, 4, data);
+            ReadWaitRawMsg(0, kAddr, 255, kSeq, 4, data);
+        });
+        EXPECT_EQ(text, "");
+        EXPECT_EQ(queue_get(0, ACK_QUEUE), write);
+        EXPECT_EQ(queue_get(0, READ_QUEUE), read);
+        EXPECT_FALSE(is_posted(write_wait));
+        EXPECT_FALSE(is_posted(read_wait));
+        EXPECT_EQ(posts(), 0);
+        EXPECT_EQ(read_buf[0], 0xEE);
+        take_out_all();
+    }
 }
 
 TEST_F(Completion, ASilentWriteIsSentThreeTimesInAllAndThenReleased) {
@@ -202,6 +216,98 @@ TEST_F(Completion, AFailedResendLeavesTheRequestToItsTimeOuts) {
     EXPECT_EQ(record->timer.period, 3);
 }
 
+TEST_F(Completion, ARequestThatIsInNoQueueStaysItsHostsStoppedAndUncounted) {
+    RawMsgQueueNode record{};
+    record.buf = RawMsgBuffGet(1);
+    record.count = 2;
+    timerStart(3, &record.timer);
+    AckCompleteMsg(&record, data, 0); // without a status: carried out
+    EXPECT_EQ(record.timer.period, 0);
+    EXPECT_EQ(record.count, 0U);
+    EXPECT_EQ(posts(), 1);
+    RawMsgBuffFree(record.buf);
+    EXPECT_EQ(mem_handed_out(), out_before);
+}
+
+// --- time-outs behind a reply that nobody has acted on ---
+
+// A host that takes replies itself has one stored without a callback; the time-out that comes then
+// brings no answer, whatever status and length stand in the record.
+
+TEST_F(Completion, ATimeOutBehindAStoredReplySendsAgain) {
+    struct Form {
+        int queue;
+        void (*check)(int index);
+    };
+    for (const Form &form : {Form{ACK_QUEUE, CheckAckRawMsg}, Form{READ_QUEUE, CheckReadRawMsg}}) {
+        for (const uint32_t status : {0U, 5U}) {
+            wire_open(0);
+            RawMsgQueueNode *record = queued(form.queue, 1, 3);
+            const std::string text = test::output_of([&] {
+                (void)queue_find(0, form.queue, kAddr, status, kSeq, 4, nullptr, nullptr);
+                pass_ticks(3);
+                form.check(0);
+            });
+            EXPECT_TRUE(test::ends_as_log_line(text, "no ack msg (0x" + std::to_string(status) +
+                                                         "), send msg again (2)!\n"))
+                << text;
+            EXPECT_EQ(wire_sent().size(), 1U);
+            EXPECT_EQ(queue_get(0, form.queue), record);
+            EXPECT_EQ(posts(), 0);
+            EXPECT_EQ(read_buf[0], 0xEE);
+            take_out_all();
+        }
+    }
+}
+
+TEST_F(Completion, ATimeOutBehindAStoredReplyWakesAWaitingWriterAtTheThirdOnly) {
+    for (const uint32_t status : {0U, 5U}) {
+        RawMsgQueueNode *record = queued(ACK_WAIT_QUEUE, 0, 1);
+        const std::string text = test::output_of([&] {
+            (void)queue_find(0, ACK_WAIT_QUEUE, kAddr, status, kSeq, 0, nullptr, nullptr);
+            for (int i = 1; i <= 3; i++) {
+                EXPECT_FALSE(is_posted(record)) << i;
+                pass_ticks(1);
+                CheckAckWaitRawMsg(0);
+            }
+        });
+        EXPECT_TRUE(test::ends_as_log_line(text, "no ack msg (0x" + std::to_string(status) +
+                                                     ") write error!\n"))
+            << text;
+        EXPECT_EQ(test::occurrences(text, "]:: "), 1);
+        EXPECT_TRUE(is_posted(record));
+        take_out_all();
+    }
+}
+
+TEST_F(Completion, ATimeOutBehindAStoredRefusalWakesAWaitingReaderAtTheThirdOnly) {
+    RawMsgQueueNode *record = queued(READ_WAIT_QUEUE, 0, 1);
+    const std::string text = test::output_of([&] {
+        (void)queue_find(0, READ_WAIT_QUEUE, kAddr, 5, kSeq, 4, nullptr, nullptr);
+        for (int i = 1; i <= 3; i++) {
+            EXPECT_FALSE(is_posted(record)) << i;
+            pass_ticks(1);
+            CheckReadWaitRawMsg(0);
+        }
+    });
+    EXPECT_TRUE(test::ends_as_log_line(text, "no resp msg (0x5) read error no msg!\n")) << text;
+    EXPECT_EQ(test::occurrences(text, "]:: "), 1);
+    EXPECT_TRUE(is_posted(record));
+}
+
+TEST_F(Completion, ATimeOutBehindAStoredSuccessWakesAWaitingReaderWithoutData) {
+    RawMsgQueueNode *record = queued(READ_WAIT_QUEUE, 0, 1);
+    const std::string text = test::output_of([&] {
+        (void)queue_find(0, READ_WAIT_QUEUE, kAddr, 0, kSeq, 4, nullptr, nullptr);
+        pass_ticks(1);
+        CheckReadWaitRawMsg(0);
+    });
+    EXPECT_TRUE(test::ends_as_log_line(text, "wrong msg and  recv_len, Read error!\n")) << text;
+    EXPECT_TRUE(is_posted(record));
+    EXPECT_EQ(record->timer.period, 1); // it goes on
+    EXPECT_EQ(read_buf[0], 0xEE);
+}
+
 // --- read, the sender goes on ---
 
 TEST_F(Completion, AReadGetsItsDataAndEnds) {
@@ -234,6 +340,13 @@ TEST_F(Completion, AReadLongerThanItsBufferEndsWithoutCopyingOrShowingAnything) 
     EXPECT_EQ(read_buf[1399], 0xEE);
     EXPECT_EQ(g_shown.times, 0);
     EXPECT_EQ(posts(), 1);
+}
+
+TEST_F(Completion, AReadWithoutABufferEndsAllTheSame) {
+    queued(READ_QUEUE, 1, 3)->read_buf = nullptr;
+    ReadRawMsg(0, kAddr, 0, kSeq, 4, data);
+    EXPECT_EQ(posts(), 1);
+    EXPECT_EQ(mem_handed_out(), out_before);
 }
 
 TEST_F(Completion, ARefusedReadIsSentAgainAndItsDataAreIgnored) {
