@@ -2,18 +2,21 @@
 // over after every kind of failure.
 #include "eth_raw/eth_raw.h"
 #include "fake_wire.h"
+#include "lock_count.h"
 #include "log/log.h"
 #include "mem/mem.h"
 #include "mem/mem_priv.h"
 #include "output.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg.h"
+#include "raw_msg/request.h"
 #include "request_ends.h"
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <future>
 #include <gtest/gtest.h>
 #include <new>
@@ -35,6 +38,15 @@ std::vector<uint8_t> counting(size_t count) {
 
 std::vector<uint8_t> payload_of(const Frame &frame) {
     return {frame.begin() + 28, frame.begin() + 28 + len_of(frame)};
+}
+
+std::vector<uint8_t> payloads_of(const std::vector<Frame> &frames) {
+    std::vector<uint8_t> joined;
+    for (const Frame &frame : frames) {
+        const auto part = payload_of(frame);
+        joined.insert(joined.end(), part.begin(), part.end());
+    }
+    return joined;
 }
 
 } // namespace
@@ -108,16 +120,13 @@ TEST_F(Send, APlainWriteIsCutIntoFramesAtRisingAddressesAllNumberedZero) {
     ASSERT_EQ(sent.size(), 3U);
     const uint32_t addresses[] = {0x1000, 0x1000 + 1400, 0x1000 + 2800};
     const uint16_t lengths[] = {1400, 1400, 200};
-    std::vector<uint8_t> joined;
     for (size_t k = 0; k < 3; k++) {
         EXPECT_EQ(addr_of(sent[k]), addresses[k]);
         EXPECT_EQ(len_of(sent[k]), lengths[k]);
         EXPECT_EQ(seq_of(sent[k]), 0);
         EXPECT_EQ(sent[k][21], 1);
-        const auto part = payload_of(sent[k]);
-        joined.insert(joined.end(), part.begin(), part.end());
     }
-    EXPECT_EQ(joined, data);
+    EXPECT_EQ(payloads_of(sent), data);
     EXPECT_EQ(posts(), 0);
     expect_nothing_left();
 }
@@ -164,6 +173,7 @@ TEST_F(Send, AnAcknowledgedWriteIsQueuedWithItsTimerRunningWhenItsFrameIsOut) {
     EXPECT_EQ(RawSockSendOneMsgWithAck(0xA3C00, 0, 1, 3, 0x1000, 0x11, &value, 1), 0);
     const auto sent = wire_sent();
     ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(payload_of(sent[0]), std::vector{value});
     const RawMsgQueueNode *record = queue_get(0, ACK_QUEUE);
     ASSERT_NE(record, nullptr);
     EXPECT_EQ(record->addr, 0x1000U);
@@ -179,17 +189,6 @@ TEST_F(Send, AnAcknowledgedWriteIsQueuedWithItsTimerRunningWhenItsFrameIsOut) {
     expect_nothing_left();
 }
 
-TEST_F(Send, NumbersRiseByOneWithEachRequest) {
-    const uint8_t value = 0;
-    for (int i = 0; i < 3; i++) {
-        EXPECT_EQ(RawSockSendOneMsgWithAck(0, 0, 1, 3, 0, 0x11, &value, 1), 0);
-    }
-    const auto sent = wire_sent();
-    EXPECT_EQ(static_cast<uint16_t>(seq_of(sent[0]) + 1), seq_of(sent[1]));
-    EXPECT_EQ(static_cast<uint16_t>(seq_of(sent[1]) + 1), seq_of(sent[2]));
-    (void)queue_empty(0, ACK_QUEUE);
-}
-
 TEST_F(Send, AnAcknowledgedWriteIsCutIntoFramesThatEndEachForItself) {
     const auto data = counting(3000);
     EXPECT_EQ(RawSockSendMsgWithAck(0, 0, 1, 3, 0x1000, 0x11, data.data(), 3000), 0);
@@ -197,6 +196,7 @@ TEST_F(Send, AnAcknowledgedWriteIsCutIntoFramesThatEndEachForItself) {
     ASSERT_EQ(sent.size(), 3U);
     EXPECT_EQ(addr_of(sent[2]), 0x1000U + 2800U);
     EXPECT_EQ(len_of(sent[2]), 200);
+    EXPECT_EQ(payloads_of(sent), data);
     for (const Frame &frame : sent) {
         AckRawMsg(0, addr_of(frame), 0, seq_of(frame), 0, reply_data);
     }
@@ -227,7 +227,24 @@ TEST_F(Send, AnAcknowledgedWriteStopsAtTheFirstFrameThatFails) {
 
 // --- acknowledged writes, waiting ---
 
-TEST_F(Send, AWaitingWriteReturnsTheCardsStatus) {
+TEST_F(Send, AWaitingWriteReturnsTheCardsStatusAndLogsNothing) {
+    const uint8_t value = 1;
+    uint8_t ack = 77;
+    const std::string text = test::output_of([&] {
+        auto operation = start(
+            [&] { return RawSockSendMsgWithAckWait(0, 1, 3, 0x1000, 0x11, &value, 1, &ack, 6); });
+        ASSERT_TRUE(wire_await_sent(1));
+        EXPECT_EQ(queue_get(0, ACK_WAIT_QUEUE)->count, 0U); // three time-outs from here
+        AckWaitRawMsg(0, 0x1000, 0, seq_of(wire_sent()[0]), 0, reply_data);
+        EXPECT_EQ(operation.get(), 0);
+    });
+    EXPECT_EQ(ack, 0);
+    EXPECT_EQ(text, "");
+    EXPECT_EQ(posts(), 1);
+    expect_nothing_left();
+}
+
+TEST_F(Send, OneFrameOfAWaitingWriteLeavesThePostToItsCaller) {
     const uint8_t value = 1;
     uint8_t ack = 77;
     auto operation = start(
@@ -242,19 +259,43 @@ TEST_F(Send, AWaitingWriteReturnsTheCardsStatus) {
 
 TEST_F(Send, ARefusedWaitingWriteReturnsZeroAndTheWrapperLogsTheStatus) {
     const uint8_t value = 1;
-    uint8_t ack = 77;
+    for (const uint8_t status : {uint8_t{1}, uint8_t{5}}) {
+        wire_open(0);
+        uint8_t ack = 77;
+        const std::string text = test::output_of([&] {
+            auto operation = start([&] {
+                return RawSockSendMsgWithAckWait(0, 2, 3, 0x1000, 0x11, &value, 1, &ack, 6);
+            });
+            ASSERT_TRUE(wire_await_sent(1));
+            AckWaitRawMsg(0, 0x1000, status, seq_of(wire_sent()[0]), 0, reply_data);
+            EXPECT_EQ(operation.get(), 0);
+        });
+        EXPECT_EQ(ack, status);
+        EXPECT_TRUE(test::ends_as_log_line(
+            text,
+            "write ack wait error: ack wrong index:0 model:2 slot:3 addr:0x1000 len:1 ack:0x" +
+                std::to_string(status) + "\n"))
+            << text;
+        EXPECT_EQ(posts(), 1);
+        expect_nothing_left();
+    }
+}
+
+TEST_F(Send, AWaitingWriteWhoseFrameCannotBeSentHasNoAnswer) {
+    const uint8_t value = 1;
+    uint8_t ack = 0;
+    wire_next_send(-1, ENETDOWN);
+    testing::internal::CaptureStderr();
     const std::string text = test::output_of([&] {
-        auto operation = start(
-            [&] { return RawSockSendMsgWithAckWait(0, 2, 3, 0x1000, 0x11, &value, 1, &ack, 6); });
-        ASSERT_TRUE(wire_await_sent(1));
-        AckWaitRawMsg(0, 0x1000, 5, seq_of(wire_sent()[0]), 0, reply_data);
-        EXPECT_EQ(operation.get(), 0);
+        EXPECT_EQ(RawSockSendMsgWithAckWait(0, 1, 3, 0x1000, 0x11, &value, 1, &ack, 6), -1);
     });
-    EXPECT_EQ(ack, 5);
+    (void)testing::internal::GetCapturedStderr();
+    EXPECT_EQ(ack, 255);
     EXPECT_TRUE(test::ends_as_log_line(
-        text, "write ack wait error: ack wrong index:0 model:2 slot:3 addr:0x1000 len:1 ack:0x5\n"))
+        text,
+        "write ack wait error: ack wrong index:0 model:1 slot:3 addr:0x1000 len:1 ack:0xff\n"))
         << text;
-    EXPECT_EQ(posts(), 1);
+    EXPECT_EQ(posts(), 2); // of the frame, and of the operation
     expect_nothing_left();
 }
 
@@ -276,23 +317,25 @@ TEST_F(Send, AWaitingWriteThatNobodyAnswersFailsAndIsNeverResent) {
 }
 
 TEST_F(Send, AWaitingWriteGoesOnBehindAFrameThatNobodyAnswers) {
-    const auto data = counting(2000);
+    const auto data = counting(3000);
     uint8_t ack = 77;
     const std::string text = test::output_of([&] {
         auto operation = start([&] {
-            return RawSockSendMsgWithAckWait(0, 1, 3, 0x1000, 0x11, data.data(), 2000, &ack, 1);
+            return RawSockSendMsgWithAckWait(0, 1, 3, 0x1000, 0x11, data.data(), 3000, &ack, 1);
         });
-        while (wire_sent().size() < 2) { // the first frame times out
+        while (wire_sent().size() < 3) { // the first two frames time out
             catch_alarm(SIGALRM);
             timerUpdate(0, kQueueKinds);
             CheckAckWaitRawMsg(0);
         }
-        AckWaitRawMsg(0, 0x1000 + 1400, 0, seq_of(wire_sent()[1]), 0, reply_data);
+        AckWaitRawMsg(0, 0x1000 + 2800, 0, seq_of(wire_sent()[2]), 0, reply_data);
         time_out(operation);
         EXPECT_EQ(operation.get(), 0);
     });
     EXPECT_EQ(ack, 0);
-    EXPECT_EQ(test::occurrences(text, "len:1400 ack:0xff\n"), 1) << text;
+    EXPECT_EQ(test::occurrences(text, "addr:0x1000 len:1400 ack:0xff\n"), 1) << text;
+    EXPECT_EQ(test::occurrences(text, "addr:0x1578 len:1400 ack:0xff\n"), 1) << text;
+    EXPECT_EQ(payloads_of(wire_sent()), data);
     EXPECT_EQ(posts(), 1);
     expect_nothing_left();
 }
@@ -323,7 +366,7 @@ TEST_F(Send, AWaitOfNoTicksEndsToo) {
 // --- reads ---
 
 TEST_F(Send, AReadCarriesTheLengthItAsksForIn94Bytes) {
-    EXPECT_EQ(RawSockSendMsgWithRead(0, 0, 1, 3, 0x1000, 0, 1400, read_buf, nullptr), 0);
+    EXPECT_EQ(RawSockSendMsgWithRead(0xA3C00, 0, 1, 3, 0x1000, 0, 1400, read_buf, nullptr), 0);
     const auto sent = wire_sent();
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].size(), 94U);
@@ -332,6 +375,7 @@ TEST_F(Send, AReadCarriesTheLengthItAsksForIn94Bytes) {
     ASSERT_NE(record, nullptr);
     EXPECT_EQ(record->send_len, 94U);
     EXPECT_EQ(record->count, 1U);
+    EXPECT_EQ(record->requester, 0xA3C00U);
     EXPECT_EQ(record->timer.period, 3);
     ReadRawMsg(0, 0x1000, 0, record->seq, 3, reply_data);
     EXPECT_EQ(read_buf[0], 9);
@@ -347,17 +391,26 @@ TEST_F(Send, AReadWithAWritesCodeStaysInsideItsBuffer) {
     expect_nothing_left();
 }
 
-TEST_F(Send, AWaitingReadReturnsDataAndLength) {
-    uint32_t received = 0;
-    auto operation = start(
-        [&] { return RawSockSendMsgWithReadWait(0, 1, 3, 0x1000, 0, 3, read_buf, &received, 6); });
-    ASSERT_TRUE(wire_await_sent(1));
-    ReadWaitRawMsg(0, 0x1000, 0, seq_of(wire_sent()[0]), 3, reply_data);
-    EXPECT_EQ(operation.get(), 0);
-    EXPECT_EQ(received, 3U);
-    EXPECT_EQ(read_buf[2], 7);
-    EXPECT_EQ(posts(), 1);
-    expect_nothing_left();
+TEST_F(Send, AWaitingReadReturnsDataAndLengthAndLogsNothing) {
+    for (const uint32_t len : {3U, 1400U}) {
+        wire_open(0);
+        uint32_t received = 0;
+        memset(read_buf, 0, sizeof read_buf);
+        const std::string text = test::output_of([&] {
+            auto operation = start([&] {
+                return RawSockSendMsgWithReadWait(0, 1, 3, 0x1000, 0, len, read_buf, &received, 6);
+            });
+            ASSERT_TRUE(wire_await_sent(1));
+            EXPECT_EQ(queue_get(0, READ_WAIT_QUEUE)->count, 0U); // three time-outs from here
+            ReadWaitRawMsg(0, 0x1000, 0, seq_of(wire_sent()[0]), len, reply_data);
+            EXPECT_EQ(operation.get(), 0);
+        });
+        EXPECT_EQ(received, len);
+        EXPECT_EQ(read_buf[2], 7);
+        EXPECT_EQ(text, "");
+        EXPECT_EQ(posts(), 1);
+        expect_nothing_left();
+    }
 }
 
 TEST_F(Send, AWaitingReadFailsOnAReplyWithoutDataWithTooManyOrARefusal) {
@@ -425,6 +478,7 @@ struct Form {
     const char *name;
     const char *log_name;
     int queue;
+    const char *queue_name;
     int (*run)(int index);
 };
 
@@ -434,13 +488,13 @@ uint8_t g_read_buf[1400];
 uint32_t g_received;
 
 const Form kForms[] = {
-    {"ack", "RawSockSendOneMsgWithAck", ACK_QUEUE,
+    {"ack", "RawSockSendOneMsgWithAck", ACK_QUEUE, "ACK_QUEUE",
      [](int i) { return RawSockSendOneMsgWithAck(0, i, 1, 3, 0x10, 0x11, &kByte, 1); }},
-    {"ack_wait", "RawSockSendOneMsgWithAckWait", ACK_WAIT_QUEUE,
+    {"ack_wait", "RawSockSendOneMsgWithAckWait", ACK_WAIT_QUEUE, "ACK_WAIT_QUEUE",
      [](int i) { return RawSockSendOneMsgWithAckWait(i, 1, 3, 0x10, 0x11, &kByte, 1, &g_ack, 1); }},
-    {"read", "RawSockSendMsgWithRead", READ_QUEUE,
+    {"read", "RawSockSendMsgWithRead", READ_QUEUE, "READ_QUEUE",
      [](int i) { return RawSockSendMsgWithRead(0, i, 1, 3, 0x10, 0, 4, g_read_buf, nullptr); }},
-    {"read_wait", "RawSockSendMsgWithReadWait", READ_WAIT_QUEUE,
+    {"read_wait", "RawSockSendMsgWithReadWait", READ_WAIT_QUEUE, "READ_WAIT_QUEUE",
      [](int i) {
          return RawSockSendMsgWithReadWait(i, 1, 3, 0x10, 0, 4, g_read_buf, &g_received, 1);
      }},
@@ -456,6 +510,41 @@ TEST_P(EveryForm, FailsAtOnceAndLeavesNothingWhenTheFrameCannotBeSent) {
     EXPECT_TRUE(test::ends_as_log_line(text, std::string(GetParam().log_name) + " : send fail\n"));
     EXPECT_EQ(posts(), 1);
     expect_nothing_left();
+}
+
+// Counted for each form alone: an answer is looked for in the queue of its form.
+TEST_P(EveryForm, NumbersItsRequestsInTurn) {
+    testing::internal::CaptureStderr();
+    (void)test::output_of([] {
+        for (int i = 0; i < 3; i++) {
+            wire_next_send(-1, ENETDOWN);
+            EXPECT_EQ(GetParam().run(0), -1);
+        }
+    });
+    (void)testing::internal::GetCapturedStderr();
+    const auto sent = wire_sent();
+    ASSERT_EQ(sent.size(), 3U);
+    EXPECT_EQ(seq_of(sent[1]), static_cast<uint16_t>(seq_of(sent[0]) + 1));
+    EXPECT_EQ(seq_of(sent[2]), static_cast<uint16_t>(seq_of(sent[0]) + 2));
+}
+
+// The child has none of the threads that might hold a lock at the moment of the fork.
+TEST_P(EveryForm, WorksInAChildWhateverLockItsParentHolds) {
+    wire_close(0); // the test's own locks are not in use
+    log_debug = 0;
+    testing::internal::CaptureStderr();
+    const auto run = [] { (void)GetParam().run(0); };
+    constexpr int kLocks = 5; // two blocks of the pool, the number, the queue, the link
+    for (int nth = 1; nth <= kLocks; nth++) {
+        const int status = test::fork_amid(run, nth, [run] {
+            queue_init();
+            (void)mem_init();
+            run();
+        });
+        EXPECT_EQ(status, 0) << nth;
+    }
+    (void)testing::internal::GetCapturedStderr();
+    (void)posts();
 }
 
 TEST_P(EveryForm, FailsAtOnceOnALinkThatNeverCameUpAndOnIndicesOutOfRange) {
@@ -523,64 +612,112 @@ TEST_P(EveryForm, LeavesNothingWhenTheAnswerComesBeforeTheSenderHasReturned) {
 INSTANTIATE_TEST_SUITE_P(Send, EveryForm, testing::ValuesIn(kForms),
                          [](const auto &form) { return form.param.name; });
 
+TEST(RequestNumbers, AreGivenOutUnderALockAndWrap) {
+    Sequence sequence{.lock = PTHREAD_MUTEX_INITIALIZER, .next = 65535};
+    const test::LockUse use =
+        test::locks_of([&sequence] { EXPECT_EQ(take_number(sequence), 65535); });
+    EXPECT_EQ(use.taken, 1);
+    EXPECT_EQ(take_number(sequence), 0);
+}
+
 // --- full queues ---
 
-class FullQueue : public Send {
+class FullQueue : public Send, public testing::WithParamInterface<Form> {
 protected:
     static void fill(int queue, int count) {
         for (int i = 0; i < count; i++) {
             auto *record = new (mem_alloc(sizeof(RawMsgQueueNode))) RawMsgQueueNode{};
             record->addr = 0xFFFF0000;
-            record->when_dropped = queue == READ_QUEUE ? post_test : nullptr; // as a read has it
+            record->when_dropped = post_test; // as a request without waiting has it
             EXPECT_EQ(queue_add(0, queue, record), 0);
         }
     }
+    static void expect_found_full(const std::string &text) {
+        EXPECT_EQ(test::occurrences(text, std::string("]:: ") + GetParam().log_name +
+                                              " : queue_add " + GetParam().queue_name + " fail\n"),
+                  1)
+            << text;
+        EXPECT_EQ(test::occurrences(
+                      text, "]:: queue_add fail again after 1ms, empty queue and send again\n"),
+                  1)
+            << text;
+    }
+    static void answer(uint16_t seq) {
+        uint8_t data[4] = {1, 2, 3, 4};
+        AckWaitRawMsg(0, 0x10, 0, seq, 0, data);
+        ReadRawMsg(0, 0x10, 0, seq, 4, data);
+        ReadWaitRawMsg(0, 0x10, 0, seq, 4, data);
+    }
 };
 
-TEST_F(FullQueue, IsEmptiedForAReadThatKeepsItsOwnRecord) {
-    fill(READ_QUEUE, kQueueCapacity - 1);
-    const std::string text = test::output_of(
-        [&] { EXPECT_EQ(RawSockSendMsgWithRead(0, 0, 1, 3, 0x1000, 0, 4, read_buf, nullptr), 0); });
+TEST_P(FullQueue, IsEmptiedForARequestThatKeepsItsOwnRecord) {
+    fill(GetParam().queue, kQueueCapacity - 1);
+    const std::string text = test::output_of([&] {
+        auto operation = start([] { return GetParam().run(0); });
+        ASSERT_TRUE(wire_await_sent(1));
+        answer(seq_of(wire_sent()[0]));
+        EXPECT_EQ(operation.get(), 0);
+    });
     EXPECT_EQ(test::occurrences(text, "]:: queue is full\n"), 2);
-    EXPECT_EQ(test::occurrences(text, "]:: RawSockSendMsgWithRead : queue_add READ_QUEUE fail\n"),
-              1);
-    EXPECT_TRUE(test::ends_as_log_line(
-        text, "queue_add fail again after 1ms, empty queue and send again\n"));
-    RawMsgQueueNode *record = queue_get(0, READ_QUEUE);
-    ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record->addr, 0x1000U);
-    EXPECT_EQ(record->next, nullptr);
+    expect_found_full(text);
+    // Each dropped request has ended, and the read itself.
+    EXPECT_EQ(posts(), kQueueCapacity - 1 + (GetParam().queue == ACK_WAIT_QUEUE ? 0 : 1));
     EXPECT_EQ(wire_sent().size(), 1U);
-    EXPECT_EQ(posts(), kQueueCapacity - 1); // each dropped request has ended
-    ReadRawMsg(0, 0x1000, 0, record->seq, 4, reply_data);
-    EXPECT_EQ(posts(), 1);
     expect_nothing_left();
 }
 
-TEST_F(FullQueue, IsEmptiedForTheWaitingFormsAndWakesWhoWaitsInIt) {
-    uint8_t first_ack = 0;
+TEST_P(FullQueue, ThatNobodyCanEmptyRefusesTheRequest) {
+    fill(GetParam().queue, kQueueCapacity - 1);
+    for (RawMsgQueueNode *record = queue_get(0, GetParam().queue); record != nullptr;
+         record = record->next) {
+        record->is_enqueuing = 1; // as if as many senders waited for room
+    }
+    const std::string text = test::output_of([] { EXPECT_EQ(GetParam().run(0), -1); });
+    expect_found_full(text);
+    EXPECT_TRUE(test::ends_as_log_line(text, "assert queue_add fail again after empty queue\n"))
+        << text;
+    EXPECT_EQ(posts(), 1);
+    EXPECT_TRUE(wire_sent().empty());
+    int32_t left = 0;
+    for (RawMsgQueueNode *record = queue_get(0, GetParam().queue); record != nullptr;
+         record = record->next) {
+        record->is_enqueuing = 0;
+        left += 1;
+    }
+    EXPECT_EQ(left, kQueueCapacity - 1);
+    (void)queue_empty(0, GetParam().queue);
+    (void)posts();
+    expect_nothing_left();
+}
+
+INSTANTIATE_TEST_SUITE_P(Send, FullQueue, testing::ValuesIn(kForms + 1, std::end(kForms)),
+                         [](const auto &form) { return form.param.name; });
+
+class FullQueueOfWaiters : public FullQueue {};
+
+TEST_P(FullQueueOfWaiters, WakesThemWhenItIsEmptied) {
     (void)test::output_of([&] {
-        auto first = start([&] {
-            return RawSockSendOneMsgWithAckWait(0, 1, 3, 0x2000, 0x11, &kByte, 1, &first_ack, 6);
-        });
+        auto first = start([] { return GetParam().run(0); });
         ASSERT_TRUE(wire_await_sent(1));
-        fill(ACK_WAIT_QUEUE, kQueueCapacity - 2);
-        uint8_t ack = 77;
-        auto second = start([&] {
-            return RawSockSendOneMsgWithAckWait(0, 1, 3, 0x1000, 0x11, &kByte, 1, &ack, 6);
-        });
+        fill(GetParam().queue, kQueueCapacity - 2);
+        auto second = start([] { return GetParam().run(0); });
         EXPECT_EQ(first.get(), -1); // dropped: no answer will come
         ASSERT_TRUE(wire_await_sent(2));
-        AckWaitRawMsg(0, 0x1000, 0, seq_of(wire_sent()[1]), 0, reply_data);
+        answer(seq_of(wire_sent()[1]));
         EXPECT_EQ(second.get(), 0);
-        EXPECT_EQ(ack, 0);
     });
-    EXPECT_EQ(first_ack, 255);
+    EXPECT_EQ(posts(), kQueueCapacity - 2 + (GetParam().queue == ACK_WAIT_QUEUE ? 0 : 2));
     expect_nothing_left();
 }
 
-TEST_F(FullQueue, MakesAnAcknowledgedWriteWaitForRoom) {
-    fill(ACK_QUEUE, kQueueCapacity - 1);
+INSTANTIATE_TEST_SUITE_P(Send, FullQueueOfWaiters, testing::Values(kForms[1], kForms[3]),
+                         [](const auto &form) { return form.param.name; });
+
+TEST_F(Send, AnAcknowledgedWriteWaitsForRoom) {
+    for (int i = 1; i < kQueueCapacity; i++) {
+        auto *record = new (mem_alloc(sizeof(RawMsgQueueNode))) RawMsgQueueNode{};
+        EXPECT_EQ(queue_add(0, ACK_QUEUE, record), 0);
+    }
     const std::string text = test::output_of([&] {
         auto operation =
             start([&] { return RawSockSendOneMsgWithAck(0, 0, 1, 3, 0x1000, 0x11, &kByte, 1); });
