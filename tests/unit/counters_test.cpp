@@ -193,6 +193,16 @@ TEST_F(Counters, FillTheRecordOnlyAsFarAsTheCallerKnowsIt) {
     EXPECT_EQ(older.bytes_sent[0], 0xEEEEEEEEEEEEEEEE);
 }
 
+TEST_F(Counters, AreNoneForARecordOfTheFirstTwoFields) {
+    ruk_counter_set least;
+    memset(&least, 0xEE, sizeof least);
+    least.size = offsetof(ruk_counter_set, frames_sent);
+    EXPECT_EQ(ruk_counters(&least), 0);
+    EXPECT_EQ(least.size, offsetof(ruk_counter_set, frames_sent));
+    EXPECT_EQ(least.reserved, 0U);
+    EXPECT_EQ(least.frames_sent[0], 0xEEEEEEEEEEEEEEEE);
+}
+
 TEST_F(Counters, RefuseNoRecordAndASizeThatHoldsNothing) {
     EXPECT_EQ(ruk_counters(nullptr), -1);
     ruk_counter_set counters;

@@ -6,6 +6,7 @@
 #include "log_lines.h"
 #include "queue/queue.h"
 #include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/watch.h"
 
 #include <atomic>
 #include <cerrno>
@@ -198,10 +199,12 @@ TEST_F(Module, ALinkWithoutItsCheckThreadIsNotUp) {
     EXPECT_EQ(errno, EPERM); // the reason, not what the failure has left in errno
     EXPECT_EQ(check, pthread_t{});
     EXPECT_FALSE(link_is_up(0));
+    EXPECT_TRUE(is_unwatched(0));
     EXPECT_EQ(frames_of_one_write(0), 0U);
     thread_fails(nullptr, 0);
     start(0);
     EXPECT_TRUE(link_is_up(0));
+    EXPECT_FALSE(is_unwatched(0));
     EXPECT_EQ(frames_of_one_write(0), 1U);
 }
 
@@ -226,6 +229,17 @@ TEST_F(Module, ALinkWithoutAReceiverIsUpAndSendsNothingTwice) {
     EXPECT_EQ(receive, pthread_t{});
     EXPECT_NE(check, pthread_t{});
     EXPECT_EQ(frames_of_one_write(0), 1U);
+}
+
+TEST_F(Module, AReceiverReportsWhetherItWasStarted) {
+    thread_fails(RawMsgRecv, EPERM);
+    EXPECT_EQ(test::log_of([&] { EXPECT_EQ(RawMsgRecvTaskCreate(2, &receive), -1); }),
+              "|index=2\n|failed to create thread \n");
+    EXPECT_EQ(receive, pthread_t{});
+    thread_fails(nullptr, 0);
+    EXPECT_EQ(RawMsgRecvTaskCreate(2, &receive), 0);
+    ASSERT_NE(receive, pthread_t{});
+    running.push_back(receive);
 }
 
 TEST_F(Module, WithoutABoundSocketNoThreadIsStarted) {

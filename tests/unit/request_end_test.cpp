@@ -3,6 +3,7 @@
 #include "eth_raw/eth_raw.h"
 #include "fake_wire.h"
 #include "forked.h"
+#include "lock_count.h"
 #include "log/log.h"
 #include "mem/locks.h"
 #include "mem/mem.h"
@@ -17,11 +18,38 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <climits>
+#include <ctime>
+#include <functional>
 #include <future>
 #include <gtest/gtest.h>
+#include <memory>
 #include <new>
 #include <thread>
 #include <vector>
+
+namespace {
+
+// Called instead of the calling thread's sleeps.
+thread_local std::function<void()> t_at_sleep;
+
+} // namespace
+
+// Visible outside: a sanitizer's library calls the wrapped names, too.
+#pragma GCC visibility push(default)
+extern "C" {
+int __real_clock_nanosleep(clockid_t clock, int flags, const timespec *until, timespec *rest);
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *until, timespec *rest);
+
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *until, timespec *rest) {
+    if (!t_at_sleep) {
+        return __real_clock_nanosleep(clock, flags, until, rest);
+    }
+    t_at_sleep();
+    return 0;
+}
+}
+#pragma GCC visibility pop
 
 namespace {
 
@@ -48,6 +76,7 @@ struct Sender {
     uint32_t received = 77;
     int result = 77;
     pthread_t thread{};
+    std::function<void()> at_sleep = {};
 };
 
 constexpr std::array<uint8_t, 3000> kLongData{kByte};
@@ -56,6 +85,7 @@ enum Form { kWriteWait, kLongWriteWait, kReadWait, kWriteOn, kReadOn };
 
 void *send(void *argument) {
     auto &self = *static_cast<Sender *>(argument);
+    t_at_sleep = self.at_sleep;
     switch (self.form) {
     case kWriteWait:
         self.result =
@@ -116,12 +146,15 @@ protected:
         ASSERT_EQ(pthread_join(sender.thread, &result), 0);
         EXPECT_EQ(result, PTHREAD_CANCELED);
     }
-    static void fill(int queue, int count) {
+    // Returns the last of them.
+    static RawMsgQueueNode *fill(int queue, int count, int index = 0) {
+        RawMsgQueueNode *record = nullptr;
         for (int i = 0; i < count; i++) {
-            auto *record = new (mem_alloc(sizeof(RawMsgQueueNode))) RawMsgQueueNode{};
+            record = new (mem_alloc(sizeof(RawMsgQueueNode))) RawMsgQueueNode{};
             record->addr = 0xFFFF0000;
-            ASSERT_EQ(queue_add(0, queue, record), 0);
+            EXPECT_EQ(queue_add(index, queue, record), 0);
         }
+        return record;
     }
     static void answer_all(uint16_t seq) {
         uint8_t data[4] = {1, 2, 3, 4};
@@ -164,22 +197,31 @@ TEST_F(CancelledSender, OfALongWriteCountsTheOperationOnce) {
     EXPECT_EQ(wire_sent().size(), 1U);
 }
 
-TEST_F(CancelledSender, OfAWriteThatWaitsForRoomLeavesTheQueueAsItWas) {
-    fill(ACK_QUEUE, kQueueCapacity - 1);
-    Sender sender{.form = kWriteOn};
-    start(sender);
-    RawMsgQueueNode *stranger = nullptr;
-    await([] { return mem_handed_out() > kQueueCapacity; });
-    std::this_thread::sleep_for(30ms);
-    cancel(sender);
-    EXPECT_EQ(posts(), 1);
-    EXPECT_TRUE(wire_sent().empty());
-    for (int left = kQueueCapacity - 1; left > 0; left--) {
-        ASSERT_EQ(queue_del(0, ACK_QUEUE, &stranger), 0) << left;
+TEST_F(CancelledSender, ThatHasFoundItsQueueFullLeavesItAsItWas) {
+    const std::pair<int, int> forms[] = {{kWriteOn, ACK_QUEUE},
+                                         {kWriteWait, ACK_WAIT_QUEUE},
+                                         {kReadOn, READ_QUEUE},
+                                         {kReadWait, READ_WAIT_QUEUE}};
+    for (const auto &[form, queue] : forms) {
+        fill(queue, kQueueCapacity - 1);
+        Sender sender{.form = form, .at_sleep = [] {
+                          (void)pthread_cancel(pthread_self());
+                          pthread_testcancel();
+                      }};
+        start(sender);
+        void *result = nullptr;
+        ASSERT_EQ(pthread_join(sender.thread, &result), 0);
+        EXPECT_EQ(result, PTHREAD_CANCELED) << form;
+        EXPECT_EQ(posts(), form == kWriteWait ? 0 : 1) << form; // its caller's wrapper counts it
+        EXPECT_TRUE(wire_sent().empty());
+        RawMsgQueueNode *stranger = nullptr;
+        for (int left = kQueueCapacity - 1; left > 0; left--) {
+            ASSERT_EQ(queue_del(0, queue, &stranger), 0) << left;
+        }
+        EXPECT_EQ(queue_del(0, queue, &stranger), -1); // the count was exact
+        queue_empty(0, queue);
+        queue_init();
     }
-    EXPECT_EQ(queue_del(0, ACK_QUEUE, &stranger), -1); // the count was exact
-    queue_empty(0, ACK_QUEUE);
-    queue_init();
 }
 
 TEST_F(CancelledSender, GoesOnWhenItsOwnerHoldsCancellationBack) {
@@ -290,11 +332,73 @@ TEST_F(TakenDown, ACheckThreadThatCannotBeStartedLeavesTheInterfaceUnwatched) {
     EXPECT_FALSE(is_unwatched(kEnded));
     revoke_watch(kEnded);
     EXPECT_TRUE(is_unwatched(kEnded));
-    for (const int nowhere : {-1, 3, 99}) {
+    for (const int nowhere : {-1, 3, 99, INT_MIN, INT_MAX}) {
         announce_watch(nowhere);
         revoke_watch(nowhere);
+        const Watch none(nowhere);
         EXPECT_FALSE(is_unwatched(nowhere));
     }
+}
+
+// Hosts start check threads of their own, which nobody has announced.
+TEST_F(TakenDown, ACheckThreadThatNobodyHasAnnouncedCountsLikeAnother) {
+    announce_watch(kEnded);
+    revoke_watch(kEnded);
+    {
+        const Watch own(kEnded);
+        EXPECT_FALSE(is_unwatched(kEnded));
+    }
+    EXPECT_TRUE(is_unwatched(kEnded));
+
+    announce_watch(kEnded);
+    auto announced = std::make_unique<Watch>(kEnded);
+    {
+        const Watch own(kEnded);
+        announced.reset();
+        EXPECT_FALSE(is_unwatched(kEnded));
+    }
+    EXPECT_TRUE(is_unwatched(kEnded));
+}
+
+TEST_F(TakenDown, CheckThreadsAreCountedUnderALock) {
+    const auto taken = [](const std::function<void()> &work) {
+        const test::LockUse use = test::locks_of(work);
+        EXPECT_EQ(use.kept, 0);
+        return use.taken;
+    };
+    EXPECT_EQ(taken([] { announce_watch(kEnded); }), 1);
+    EXPECT_EQ(taken([] { announce_watch(kEnded); }), 1);
+    EXPECT_EQ(taken([] { revoke_watch(kEnded); }), 1);
+    std::unique_ptr<Watch> one;
+    EXPECT_EQ(taken([&] { one = std::make_unique<Watch>(kEnded); }), 1);
+    const Watch other(kEnded);
+    EXPECT_EQ(taken([&] { one.reset(); }), 1);
+}
+
+// A cancelled thread in the middle of it would leave others waiting.
+TEST_F(TakenDown, TheEndOfAllRequestsIsNotCancelled) {
+    const test::LockUse use = test::locks_of([] { end_all_requests(kEnded); });
+    EXPECT_EQ(use.taken, 1 + 4 * 2); // what keeps replies out meanwhile; each of four queues
+    EXPECT_EQ(use.deepest, 2);
+    EXPECT_EQ(use.cancellable, 0);
+    EXPECT_EQ(use.kept, 0);
+}
+
+// Else the requests of the next check thread would be as old as the pause was long.
+TEST_F(TakenDown, NoTickIsKeptForAnInterfaceWithoutACheckThread) {
+    timerUpdate(kEnded, kQueueKinds); // from here on it takes part
+    end_check_thread(start_check_thread(kEnded));
+    for (int i = 0; i < 100; i++) {
+        catch_alarm(SIGALRM);
+    }
+    timerUpdate(0, kQueueKinds);
+
+    RawMsgQueueNode *record = fill(ACK_QUEUE, 1, kEnded);
+    queue_timer_start(kEnded, ACK_QUEUE, record, 3);
+    timerUpdate(kEnded, kQueueKinds);
+    EXPECT_EQ(record->timer.expired, 0);
+    EXPECT_EQ(record->timer.remaining, 3);
+    queue_empty(kEnded, ACK_QUEUE);
 }
 
 TEST_F(TakenDown, UnloadingTheModuleEndsEveryRequest) {
@@ -371,6 +475,46 @@ TEST_F(EmptiedQueue, ByAHostLeavesAWriteAloneThatWaitsForRoom) {
     }
 }
 
+TEST_F(EmptiedQueue, ByAHostThatTakesOutAWriteThatWaitsForRoomEndsIt) {
+    fill(ACK_QUEUE, kQueueCapacity - 1);
+    Sender sender{.form = kWriteOn, .at_sleep = [] {
+                      RawMsgQueueNode *record = queue_get(0, ACK_QUEUE);
+                      while (record->next != nullptr) {
+                          record = record->next;
+                      }
+                      RawMsgBuffFree(record->buf); // as a host does that takes out a request
+                      EXPECT_EQ(queue_del(0, ACK_QUEUE, &record), 0);
+                  }};
+    start(sender);
+    join(sender);
+    EXPECT_EQ(sender.result, -1);
+    EXPECT_EQ(posts(), 1);
+    EXPECT_TRUE(wire_sent().empty());
+    queue_empty(0, ACK_QUEUE);
+}
+
+// A sender that waits has not been counted when its queue was emptied.
+TEST_F(EmptiedQueue, BetweenQueueAndWireCountsAWaitingSenderToo) {
+    const std::pair<int, int> forms[] = {{kWriteWait, ACK_WAIT_QUEUE},
+                                         {kReadWait, READ_WAIT_QUEUE}};
+    for (const auto &[form, queue] : forms) {
+        Sender sender{.form = form};
+        testing::internal::CaptureStderr();
+        {
+            const MutexGuard keeps_it_from_sending(g_eth_init[0].send_lock);
+            start(sender);
+            await([queue = queue] { return queue_get(0, queue) != nullptr; });
+            queue_empty(0, queue);
+            wire_close(0);
+        }
+        join(sender);
+        (void)testing::internal::GetCapturedStderr();
+        EXPECT_EQ(sender.result, -1);
+        EXPECT_EQ(posts(), 1);
+        wire_open(0);
+    }
+}
+
 TEST_F(EmptiedQueue, ByAHostCountsEachWriteOnce) {
     std::atomic<bool> is_over{false};
     std::thread host([&] {
@@ -410,6 +554,46 @@ TEST_F(EmptiedQueue, BetweenQueueAndWireCountsTheRequestOnce) {
 }
 
 // --- a process that forks ---
+
+// The exit status of a child that does this: 0 when nothing failed in it.
+int status_in_child(const std::function<void()> &work) {
+    const test::Ended ended = test::run_forked([&work] {
+        work();
+        (void)fflush(stdout);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    });
+    EXPECT_EQ(ended.output, "");
+    return ended.status;
+}
+
+// Nor does anybody hold the lock under which they are counted.
+TEST(Fork, AChildHasNoCheckThreadYet) {
+    const auto try_to_start_all = [] {
+        for (int index = 0; index < kInterfaces; index++) {
+            announce_watch(index);
+            revoke_watch(index);
+        }
+    };
+    EXPECT_EQ(test::fork_amid(try_to_start_all, 1, try_to_start_all), 0);
+    EXPECT_EQ(status_in_child([&] {
+                  try_to_start_all();
+                  EXPECT_EQ(status_in_child([] {
+                                for (int index = 0; index < kInterfaces; index++) {
+                                    EXPECT_FALSE(is_unwatched(index)) << index;
+                                }
+                            }),
+                            0);
+                  const Watch running[kInterfaces] = {Watch(0), Watch(1), Watch(2)};
+                  EXPECT_EQ(status_in_child([] {
+                                for (int index = 0; index < kInterfaces; index++) {
+                                    { const Watch own(index); }
+                                    EXPECT_TRUE(is_unwatched(index)) << index;
+                                }
+                            }),
+                            0);
+              }),
+              0);
+}
 
 // The address sanitizer's allocator does not renew its own locks in a child: one of some hundred
 // children waits for them.
