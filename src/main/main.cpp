@@ -137,13 +137,13 @@ bool end_threads(const Threads &threads) {
 // The threads are not joined: one that hangs in the kernel must not keep the tool from ending. Its
 // socket must not be closed under it, nor may exit be called: that writes once more what it finds
 // half written, and waits for the list of streams, which the thread may hold while it waits for one
-// of them. The end of the process closes the socket.
+// of them. Nor is standard output flushed, which the thread may hold while nobody reads it: all
+// that is left in there is the thread's. The end of the process closes the socket.
 void stop_threads(const Threads &threads, int status) {
     const bool ended = end_threads(threads);
     detach(threads.receive);
     detach(threads.check);
     if (!ended) {
-        (void)fflush(stdout);
         _exit(status);
     }
 }
@@ -194,7 +194,6 @@ int main(int argc, char **argv) {
     LOG("index = %d\n", index);
 
     Threads threads;
-    errno = 0; // the sends decide by it, and the commands above may have left anything
     if (RawMsgModuleInit(index, &threads.receive, &threads.check) != 0) {
         return kFailed;
     }

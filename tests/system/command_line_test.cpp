@@ -50,12 +50,13 @@ TEST_F(CommandLine, AnUnknownWordDoesNothing) {
         const Finished result = ruk({"0", word, "1", "3", "7040", "0x1"});
         EXPECT_EQ(result.status, 0) << word;
         EXPECT_EQ(count(result.out, "usage"), 0);
+        EXPECT_EQ(logged(result, "index = 0"), 1);
         EXPECT_EQ(count(result.out, "eth_init[0].sock_fd = "), 1); // the link went up all the same
         EXPECT_TRUE(capture.sent().empty());
     }
 }
 
-// Both threads are ended before the socket is closed.
+// Both threads have time to begin, and are ended before the socket is closed.
 TEST_F(CommandLine, TheLinkIsTakenDownBehindEveryWord) {
     const Directory directory;
     const std::string log = directory.path("calls");
@@ -65,9 +66,40 @@ TEST_F(CommandLine, TheLinkIsTakenDownBehindEveryWord) {
           Words{"0", "write", "1", "3", "7040", directory.path("missing")}}) {
         (void)ruk(words, preloading(CALL_LOG_LIBRARY, {"CALL_LOG=" + log}));
         const Bytes calls = content_of(log);
-        EXPECT_EQ(std::string(calls.begin(), calls.end()), "cancel\ncancel\nclose\n") << words[1];
+        EXPECT_EQ(std::string(calls.begin(), calls.end()),
+                  "sleep 100000 us\ncancel\ncancel\nclose\n")
+            << words[1];
         std::filesystem::remove(log);
     }
+}
+
+// It is waited for a second. Then its socket is left to the kernel.
+TEST_F(CommandLine, AReceiverThatHangsDoesNotKeepTheToolFromEnding) {
+    const Directory directory;
+    const std::string log = directory.path("calls");
+    for (const bool is_done : {true, false}) {
+        const std::string source = is_done ? "0x1" : directory.path("missing");
+        const Finished result =
+            ruk({"0", "write", "1", "3", "7040", source},
+                preloading(CALL_LOG_LIBRARY, {"CALL_LOG=" + log, "RECEIVER=hangs"}));
+        EXPECT_EQ(result.status, is_done ? 0 : 255);
+        const Bytes calls = content_of(log);
+        EXPECT_EQ(std::string(calls.begin(), calls.end()),
+                  "sleep 100000 us\ncancel\ncancel\nno exit after 1000000 us\n");
+        std::filesystem::remove(log);
+    }
+}
+
+// To cancel a thread would end the tool.
+TEST_F(CommandLine, WithoutAnUnwinderTheThreadsAreLeftToTheKernel) {
+    const Directory directory;
+    const std::string log = directory.path("calls");
+    const Finished result =
+        ruk({"0", "write", "1", "3", "7040", "0x1"},
+            preloading(CALL_LOG_LIBRARY, {"CALL_LOG=" + log, "UNWINDER=missing"}));
+    EXPECT_EQ(result.status, 0);
+    const Bytes calls = content_of(log);
+    EXPECT_EQ(std::string(calls.begin(), calls.end()), "sleep 100000 us\nno exit after 0 us\n");
 }
 
 // The kernel's own limits stay as they are: here nobody may set them.

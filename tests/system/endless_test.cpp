@@ -1,5 +1,6 @@
 // A wire that never rests: garbage, and a card that refuses for ever.
 #include "bed.h"
+#include "preload.h"
 #include "stalled_log.h"
 
 #include <csignal>
@@ -109,6 +110,22 @@ TEST_F(Endless, ASignalEndsAWaitingCommand) {
         tool.send(signo);
         EXPECT_EQ(tool.wait(), 0);
         EXPECT_EQ(count(tool.out(), "register end"), 0); // it was in the middle of its work
+    }
+}
+
+// The receiver stands still in the middle of a line, and with it the stream that it prints to.
+TEST_F(Endless, ACommandEndsAlsoWhenNobodyReadsItsLogAnyMore) {
+    const CardEnd end;
+    const Process garbage({.argv = {"garbage"}, .in_child = [&end] { flood_without_pause(end); }});
+    for (const bool is_done : {true, false}) {
+        const StalledLog log;
+        const std::string source = is_done ? "0x1" : "/missing";
+        Process tool(log.as_output_of(
+            {.argv = ruk_command({"0", "write", "1", "3", "8000", source},
+                                 preloading(CALL_LOG_LIBRARY, {"RECEIVER=prints"}))}));
+        ASSERT_TRUE(log.read_up_to(is_done ? "]:: write register end\n"
+                                           : " writea model slot addr filename ]\n"));
+        EXPECT_EQ(tool.wait(), is_done ? 0 : 255);
     }
 }
 
