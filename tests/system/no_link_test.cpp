@@ -94,6 +94,15 @@ TEST_F(NoLink, ALinkWhoseThreadsCannotBeStartedSendsNothingAndEveryCommandEnds) 
                 "ruk: eth0: not up (Resource temporarily unavailable), nothing is sent\n");
 }
 
+TEST_F(NoLink, WithoutATimerItIsSaidAndWhatWaitsForNothingIsSent) {
+    Capture capture;
+    const Finished result = run(
+        {.argv = ruk_command({"0", "write", "1", "3", "7040", "0x1"}), .in_child = refuse_a_timer});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(count(result.err, "ruk: interval timer: Operation not permitted\n"), 1);
+    EXPECT_EQ(capture.sent().size(), 1U);
+}
+
 TEST_F(NoLink, WithoutRealTimeRightsNobodyListensButEveryCommandEnds) {
     for (const Form &form : kForms) {
         Card card;
@@ -101,6 +110,10 @@ TEST_F(NoLink, WithoutRealTimeRightsNobodyListensButEveryCommandEnds) {
         const Finished result = ruk(words(form), kWithoutRealTime);
         EXPECT_EQ(result.status, 0) << form.word;
         EXPECT_EQ(logged(result, "failed to create thread "), 1) << result.out;
+        EXPECT_EQ(count(result.err, "ruk: eth0: no real-time rights for the receive thread, "
+                                    "no answer is seen\n"),
+                  1)
+            << result.err;
         EXPECT_EQ(count(result.out, "thread1 id : "), 1); // the time-outs still work
         EXPECT_EQ(capture.sent().size(), form.frames);
         EXPECT_EQ(count(result.out, "register end"), 1);
@@ -110,9 +123,14 @@ TEST_F(NoLink, WithoutRealTimeRightsNobodyListensButEveryCommandEnds) {
 
 TEST_F(NoLink, IndicesOutsideTheTableSendNothing) {
     for (const std::string index : {"-1", "3", "99", "99999999999"}) {
+        const std::string shown = index.size() > 2 ? "2147483647" : index;
         for (const Form &form : kForms) {
             Capture capture;
             const Finished result = ruk(words(form, index.c_str()));
+            EXPECT_EQ(count(result.err, "ruk: interface index " + shown +
+                                            ": only 0 to 2 exist, nothing is sent\n"),
+                      1)
+                << result.err;
             EXPECT_EQ(result.status, 0) << index << " " << form.word;
             EXPECT_EQ(count(result.out, "send fail\n"), 1) << result.out;
             EXPECT_EQ(count(result.out, "register end"), 1);

@@ -56,6 +56,11 @@ void refuse_to_bind() {
     install(rows);
 }
 
+void refuse_a_timer() {
+    sock_filter rows[] = {load(kNumber), if_equal(SYS_setitimer, 1), fail(EPERM), kAllow};
+    install(rows);
+}
+
 void refuse_threads() {
     // Without the newer call, whose flags lie in memory, the C library uses the older one.
     sock_filter rows[] = {

@@ -7,6 +7,9 @@ namespace bed {
 /** No socket can be bound: EADDRNOTAVAIL. */
 void refuse_to_bind();
 
+/** No interval timer can be started: EPERM. */
+void refuse_a_timer();
+
 /** No thread can be started, as at a process limit: EAGAIN. Processes can be. */
 void refuse_threads();
 

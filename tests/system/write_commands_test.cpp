@@ -45,6 +45,7 @@ TEST_F(WriteCommands, ValuesAreShownAndSentAsTheirLowEightBits) {
         Capture capture;
         const Finished result = ruk({"0", form.word, "1", "3", "7040", "0x1", "0x22", "0x333"});
         EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(count(result.err, "ruk:"), 0) << result.err;
         EXPECT_EQ(
             logged(result, "write fpga 0 , register : 0x00007040 , length : 3 value :01 22 33 "), 1)
             << result.out;
