@@ -35,10 +35,28 @@ struct Calls {
     std::vector<Opening> openings;
     std::optional<std::string> command; // run instead; empty: it cannot be run
     bool dup2_fails = false;
+    bool answer_breaks_off = false;
 };
 
 // Each test changes and reads it in a process of its own.
 Calls g_calls;
+
+// Some text without an end, then an error.
+ssize_t read_some_text(void *cookie, char *text, size_t size) {
+    auto *is_read = static_cast<bool *>(cookie);
+    if (*is_read) {
+        errno = EIO;
+        return -1;
+    }
+    *is_read = true;
+    constexpr std::string_view kSome = "/dev/nu";
+    return static_cast<ssize_t>(kSome.copy(text, size));
+}
+
+FILE *answer_that_breaks_off() {
+    static bool is_read = false;
+    return fopencookie(&is_read, "r", {read_some_text, nullptr, nullptr, nullptr});
+}
 
 } // namespace
 
@@ -56,6 +74,9 @@ int __wrap_dup2(int from, int to);
 
 FILE *__wrap_my_popen(const char *command, const char *mode) {
     g_calls.commands.insert(g_calls.commands.end(), {command, mode});
+    if (g_calls.answer_breaks_off) {
+        return answer_that_breaks_off();
+    }
     if (!g_calls.command) {
         return __real_my_popen(command, mode);
     }
@@ -146,6 +167,14 @@ TEST(Ptoc, TakesNoPartOfALineForTheTerminal) {
               "result -1\n");
 }
 
+TEST(Ptoc, TakesNothingOfAnAnswerThatBreaksOff) {
+    const test::Ended ended = test::run_forked([] {
+        g_calls.answer_breaks_off = true;
+        (void)printf("result %d, %zu opened\n", ptoc(), g_calls.openings.size());
+    });
+    EXPECT_EQ(ended.output, "result -1, 0 opened\n");
+}
+
 TEST(Ptoc, ReturnsAFailedOpening) {
     const test::TempDirectory directory;
     EXPECT_EQ(run_ptoc(says(directory.path(".") + "\\n")).output, "result -1\n");
@@ -171,6 +200,23 @@ TEST(Ptoc, OpensWhatTheCommandNamesAndNothingElse) {
     EXPECT_EQ(ended.output, "");
     const std::vector<uint8_t> text = test::read_file(name);
     EXPECT_EQ(std::string(text.begin(), text.end()), "result 1\ntty r\nopened\n");
+}
+
+// The lowest descriptor, where a host has closed its standard input.
+TEST(Ptoc, TakesATerminalThatIsOpenedAsDescriptorZero) {
+    const test::TempDirectory directory;
+    const std::string name = test::write_file(directory.path("t"), {});
+    const test::Ended ended = test::run_forked([&] {
+        (void)close(STDIN_FILENO);
+        g_calls.command = says(name + "\\n");
+        const int result = ptoc();
+        (void)printf("result %d, %s\n", result,
+                     fcntl(STDIN_FILENO, F_GETFD) == -1 ? "closed" : "open");
+    });
+    EXPECT_EQ(ended.status, test::kReturned);
+    EXPECT_EQ(ended.output, "");
+    const std::vector<uint8_t> text = test::read_file(name);
+    EXPECT_EQ(std::string(text.begin(), text.end()), "result 1, open\n");
 }
 
 TEST(Ptoc, LetsOutputGoToTheTerminalOfStandardInput) {

@@ -59,6 +59,7 @@ int g_frames_given = 0;        // 0: what the real one gives
 Symbols g_symbols = nullptr;   // null: the real ones
 void (*g_at_free)() = nullptr; // called by every free
 void *g_lines = nullptr;       // given by three_lines, until they are freed
+unsigned g_alarm_seconds = 0;  // the last alarm was set to
 
 void *address(uintptr_t value) {
     return reinterpret_cast<void *>(value); // NOLINT(performance-no-int-to-ptr)
@@ -77,6 +78,8 @@ int __real_backtrace(void **frames, int size);
 int __wrap_backtrace(void **frames, int size);
 char **__real_backtrace_symbols(void *const *frames, int count);
 char **__wrap_backtrace_symbols(void *const *frames, int count);
+unsigned __real_alarm(unsigned seconds);
+unsigned __wrap_alarm(unsigned seconds);
 void __real_free(void *memory);
 void __wrap_free(void *memory);
 
@@ -101,6 +104,11 @@ int __wrap_backtrace(void **frames, int size) {
 char **__wrap_backtrace_symbols(void *const *frames, int count) {
     return g_symbols != nullptr ? g_symbols(frames, count)
                                 : __real_backtrace_symbols(frames, count);
+}
+
+unsigned __wrap_alarm(unsigned seconds) {
+    g_alarm_seconds = seconds;
+    return __real_alarm(seconds);
 }
 
 void __wrap_free(void *memory) {
@@ -344,6 +352,17 @@ TEST_F(TaskDie, ReleasesThePoolAndRunsWhatIsLeftForTheExit) {
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.output, kFirstLine + "|backtrace() returned 3 addresses\n"
                                          "|inner%s\n|middle\n|outer\nempty\n");
+}
+
+TEST_F(TaskDie, GivesItselfFiveSeconds) {
+    const test::Ended ended = test::run_forked([] {
+        g_frames_given = 3;
+        g_symbols = three_lines;
+        (void)atexit([] { (void)printf("%u s\n", g_alarm_seconds); });
+        task_die(SIGTERM);
+    });
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_TRUE(ended.output.ends_with("\n5 s\n")) << ended.output;
 }
 
 TEST_F(TaskDie, IsNotCutOffByTicks) {

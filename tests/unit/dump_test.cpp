@@ -40,6 +40,20 @@ TEST(Dump, PrintsNothingForNoData) {
     EXPECT_EQ(test::output_of([] { process_recvbuf(nullptr, 0x1000, 8); }), "");
 }
 
+// Log lines of other threads come before or behind it.
+TEST(Dump, StaysWholeAmongTheOutputOfOthers) {
+    constexpr int kDumps = 50;
+    const std::vector<uint8_t> bytes(1400, 0x5A);
+    const auto dump = [&bytes] { process_recvbuf(bytes.data(), 0x20, 1400); };
+    const std::string whole = test::output_of(dump);
+    const std::string text = test::output_among_others([&dump] {
+        for (int i = 0; i < kDumps; i++) {
+            dump();
+        }
+    });
+    EXPECT_EQ(test::occurrences(text, whole), kDumps);
+}
+
 TEST(Dump, WrapsTheAddressAtTheEndOfTheAddressSpace) {
     EXPECT_EQ(dump_of(20, 0xFFFFFFF0), "\nfffffff0: f0f1f2f3 f4f5f6f7 f8f9fafb fcfdfeff "
                                        "\n00000000: 00010203 \n");

@@ -7,6 +7,7 @@
 #include "lock_count.h"
 #include "log/relaxed.h"
 #include "log_lines.h"
+#include "main/main.h"
 #include "mem/mem.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg.h"
@@ -199,6 +200,29 @@ TEST_F(ThreadBodies, AReplyIsDealtWithUncancelled) {
     EXPECT_EQ(with.cancellable, without.cancellable * 2);
     EXPECT_EQ(with.deepest, std::max(2, without.deepest));
     EXPECT_EQ(with.kept, 0);
+}
+
+// What comes before the host has set its function is lost; a dead link is asked again after a
+// pause.
+TEST(MsgRecv, WaitsForAReplyAndForWhoTakesIt) {
+    static std::vector<uint32_t> taken;
+    wire_open(0);
+    wire_deliver(Frame(60, 0xFF)); // other traffic: no reason for a pause
+    wire_deliver(make_reply(0, 1, 3, 9, 0, 0x1000, {1}));
+    wire_deliver_failure(ENETDOWN);
+    g_at_sleep = [](int sleep) {
+        EXPECT_EQ(sleep, 1);
+        read_buffer = [](const uint8_t *, uint32_t addr, uint32_t) { taken.push_back(addr); };
+        wire_deliver(make_reply(0, 1, 3, 10, 0, 0x2000, {1}));
+    };
+    std::thread([] {
+        t_is_under_test = true;
+        EXPECT_EQ(msg_recv(), 0);
+        EXPECT_EQ(t_sleeps, 1);
+    }).join();
+    read_buffer = nullptr;
+    wire_close(0);
+    EXPECT_EQ(taken, std::vector<uint32_t>{0x2000});
 }
 
 } // namespace
