@@ -8,12 +8,16 @@
 #include "mem/mem.h"
 #include "mem/mem_priv.h"
 #include "raw_msg/raw_msg.h"
+#include "short_read.h"
 #include "temp_files.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <semaphore.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -23,6 +27,7 @@ struct Flushes {
     int with_stdout_held = 0;
 };
 Flushes g_flushes;
+int g_waits = 0; // for sem_test
 
 bool is_stdout_held() {
     bool is_held = false;
@@ -54,7 +59,8 @@ int __wrap_fflush(FILE *stream) {
     return __real_fflush(stream);
 }
 
-int __wrap_sem_wait(sem_t * /*semaphore*/) {
+int __wrap_sem_wait(sem_t *semaphore) {
+    g_waits += semaphore == &sem_test ? 1 : 0;
     return 0; // the played card has answered already
 }
 
@@ -80,7 +86,9 @@ Outcome run_words(RunCommand command, Words words) {
     for (std::string &word : words) {
         argv.push_back(word.data());
     }
-    return command({.argv = argv, .index = 2, .model = 0x102, .slot = 5, .addr = kAddr});
+    argv.push_back(nullptr); // as for main
+    const std::span<char *> all(argv.data(), words.size());
+    return command({.argv = all, .index = 2, .model = 0x102, .slot = 5, .addr = kAddr});
 }
 
 class Commands : public testing::Test {
@@ -90,6 +98,7 @@ protected:
         (void)mem_uinit(); // no blocks are left over from the case before
         handed_out = mem_handed_out();
         g_flushes = {};
+        g_waits = 0;
     }
     void TearDown() override {
         log_debug = 0;
@@ -148,6 +157,97 @@ TEST_F(Commands, TheLineOfAsManyValuesAsAFrameTakesStaysWhole) {
     ASSERT_NE(message, std::string::npos);
     EXPECT_EQ(text.find('~', header), text.find('~', text.find('\n', message)));
     EXPECT_EQ(text.compare(message + 4, line.size() + 1, line + "\n"), 0);
+}
+
+TEST_F(Commands, ValuesBehindThoseOfAFrameAreSaidToBeIgnored) {
+    const std::string log =
+        test::log_of([] { EXPECT_EQ(run_words(run_write, Words(1401, "0x1")), Outcome::kDone); });
+    EXPECT_TRUE(log.ends_with("01 01 \n|main: write values: more than one frame's 1400 bytes, the "
+                              "others ignored\n|write register end\n"))
+        << log;
+    EXPECT_EQ(card_calls(), std::vector<CardCall>{plain_write(2, 0x102, 5, kAddr, Bytes(1400, 1))});
+}
+
+// The word behind them, where the longest tests have theirs, is not there.
+TEST_F(Commands, FiveValuesAreValues) {
+    EXPECT_EQ(run_words(run_write, {"0x1", "2", "3", "4", "5"}), Outcome::kDone);
+    EXPECT_EQ(card_calls(),
+              std::vector<CardCall>{plain_write(2, 0x102, 5, kAddr, {1, 2, 3, 4, 5})});
+}
+
+TEST_F(Commands, AnAcknowledgedWriteThatIsNotSentAsAWholeSaysSo) {
+    card_answers_acked_writes(-1, 0xFF);
+    const std::string log =
+        test::log_of([] { EXPECT_EQ(run_words(run_writea, {"0x1"}), Outcome::kDone); });
+    EXPECT_TRUE(log.ends_with("|main: write with acknowledgement: fail, not all of it was sent\n"
+                              "|write register end\n"))
+        << log;
+}
+
+// It sleeps meanwhile.
+TEST_F(Commands, WaitForWhatPostsAtItsEnd) {
+    const test::TempDirectory directory;
+    const std::string empty = test::write_file(directory.path("empty"), {});
+    const struct {
+        RunCommand run;
+        std::string word;
+        int waits;
+    } rows[] = {
+        {run_read, "4", 1},     {run_readw, "4", 1},    {run_write, "0x1", 0},
+        {run_writea, "0x1", 1}, {run_writea, empty, 0}, {run_writeaw, "0x1", 1},
+    };
+    for (const auto &row : rows) {
+        g_waits = 0;
+        (void)test::output_of([&] { EXPECT_EQ(run_words(row.run, {row.word}), Outcome::kDone); });
+        EXPECT_EQ(g_waits, row.waits) << row.word;
+    }
+}
+
+TEST_F(Commands, AReadThatIsNotSentShowsTheAddressAlone) {
+    card_answers_reads(
+        [](const CardCall &) { return ReadAnswer{.result = -1, .data = {}, .is_sent = false}; });
+    const std::string log =
+        test::log_of([] { EXPECT_EQ(run_words(run_readw, {"4"}), Outcome::kDone); });
+    EXPECT_EQ(log, "\n00007040: \n|read register end\n");
+}
+
+// What a command says of a file that it does not send, behind "found file NAME".
+void expect_refused(const std::string &name, const std::string &reason) {
+    for (const RunCommand command : {run_write, run_writea, run_writeaw}) {
+        const std::string log = test::log_of(
+            [&] { EXPECT_EQ(run_words(command, {name}), Outcome::kAbandoned) << name; });
+        EXPECT_EQ(log, "|found file " + name + "\n" + reason);
+    }
+    EXPECT_TRUE(card_calls().empty());
+}
+
+// Its low 32 bits alone are those of a small one.
+TEST_F(Commands, AFileLargerThanEveryCardIsNotSent) {
+    const test::TempDirectory directory;
+    const std::string name = test::write_file(directory.path("large"), {});
+    std::filesystem::resize_file(name, (uint64_t{1} << 32) + 5);
+    expect_refused(name, "|RawMsgBuffGet fail\n");
+}
+
+TEST_F(Commands, AFileWhoseSizeNobodyKnowsIsNotSent) {
+    int outside = -1;
+    int inside = -1;
+    char name[64] = {};
+    ASSERT_EQ(openpty(&outside, &inside, name, nullptr, nullptr), 0);
+    expect_refused(name, "|RawMsgBuffGet fail\n");
+    (void)close(outside);
+    (void)close(inside);
+}
+
+TEST_F(Commands, AFileThatShrinksWhileItIsReadIsNotSent) {
+    const test::TempDirectory directory;
+    const std::string name = test::write_file(directory.path("data"), test::pattern(4));
+    const ShortRead shorter;
+    const std::string log =
+        test::log_of([&] { EXPECT_EQ(run_words(run_write, {name}), Outcome::kAbandoned); });
+    EXPECT_EQ(log, "|found file " + name + "\n|file size 4\n|main: read '" + name +
+                       "': shorter than its size\n");
+    EXPECT_TRUE(card_calls().empty());
 }
 
 } // namespace

@@ -92,7 +92,9 @@ int __wrap_RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, u
     }
     const ReadAnswer answer = answer_read(call);
     std::copy(answer.data.begin(), answer.data.end(), read_buf);
-    *out_len = answer.told_len.value_or(static_cast<uint32_t>(answer.data.size()));
+    if (answer.is_sent) {
+        *out_len = answer.told_len.value_or(static_cast<uint32_t>(answer.data.size()));
+    }
     return answer.result;
 }
 
@@ -102,7 +104,7 @@ int __wrap_RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, 
     const std::lock_guard guard(c.lock);
     c.calls.push_back(
         {'A', index, model, slot, addr, code, Bytes(data, data + len), len, 0, requester});
-    return 0;
+    return c.acked_result;
 }
 
 int __wrap_RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot,

@@ -2,7 +2,7 @@
 //
 // Linked with --wrap=RawSockSendMsg,RawSockSendMsgWithAckWait,RawSockSendMsgWithReadWait, and where
 // it matters --wrap=RawSockSendMsgWithAck,RawSockSendMsgWithRead: each call is recorded with all
-// its arguments and gets the answer that the test has set. Operations that do not wait succeed.
+// its arguments and gets the answer that the test has set.
 #ifndef TESTS_UNIT_FAKE_CARD_H
 #define TESTS_UNIT_FAKE_CARD_H
 
@@ -47,6 +47,7 @@ struct ReadAnswer {
     int result;
     Bytes data;                            // at most 1400 bytes
     std::optional<uint32_t> told_len = {}; // when it is not that of the data
+    bool is_sent = true;                   // when not, the length is left as it was
 };
 
 /** Forget all calls; writes succeed again, reads give as many zeros as they ask for. */
@@ -57,7 +58,7 @@ std::vector<CardCall> card_calls();
 /** What plain writes return from now on. */
 void card_answers_plain_writes(int result);
 
-/** What acknowledged writes return and the status that they store. */
+/** What acknowledged writes return and the status that they store, where they wait for one. */
 void card_answers_acked_writes(int result, uint8_t status);
 
 /** Who chooses the status of acknowledged writes, called without any lock; 0xFF: no answer, -1. */

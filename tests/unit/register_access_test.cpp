@@ -84,8 +84,12 @@ TEST_F(ReadReg, PrintsAFullReplyAndNothingOfALongerOneWhichIsNotCopied) {
 }
 
 TEST_F(ReadReg, PrintsTheAddressAloneWhenNothingCame) {
-    card_answers_reads([](const CardCall &) { return ReadAnswer{.result = -1, .data = {}}; });
-    EXPECT_EQ(read_log(0x20, 4), "|read reg 0x20\n\n00000020: \n");
+    for (const bool is_sent : {true, false}) {
+        card_answers_reads([is_sent](const CardCall &) {
+            return ReadAnswer{.result = -1, .data = {}, .is_sent = is_sent};
+        });
+        EXPECT_EQ(read_log(0x20, 4), "|read reg 0x20\n\n00000020: \n");
+    }
 }
 
 TEST_F(ReadReg, LetsTheSendOperationJudgeTheLength) {
