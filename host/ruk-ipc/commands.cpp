@@ -2,6 +2,7 @@
 
 #include "ap_msg/message_layout.h"
 #include "arguments.h"
+#include "eth_raw/frame_layout.h"
 #include "numbers.h"
 
 namespace ipc {

@@ -1,9 +1,9 @@
 // main.cpp - ruk-ipc, the client of the request service for people and scripts.
 
 #include "arguments.h"
+#include "base/standard_streams.h"
 #include "help.h"
 #include "json.h"
-#include "log/standard_streams.h"
 #include "run.h"
 #include "text.h"
 #include "timer/unblock.h"

@@ -1,6 +1,7 @@
 #include "request.h"
 
 #include "ap_msg/message_layout.h"
+#include "eth_raw/frame_layout.h"
 
 #include <algorithm>
 #include <cstdio>

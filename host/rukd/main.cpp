@@ -2,10 +2,10 @@
 // foreground, with the log on standard output. Read it before you write a host of your own.
 #include "main/main.h"
 #include "ap_msg/ap_msg.h"
+#include "base/standard_streams.h"
 #include "board/board.h"
 #include "eth_raw/eth_raw.h"
 #include "log/log.h"
-#include "log/standard_streams.h"
 #include "mem/mem.h"
 #include "queue/queue.h"
 #include "raw_msg/raw_msg.h"

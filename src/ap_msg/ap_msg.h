@@ -10,7 +10,7 @@
 #ifndef AP_MSG_AP_MSG_H
 #define AP_MSG_AP_MSG_H
 
-#include "log/export.h"
+#include "base/export.h"
 
 #include <stdint.h>
 

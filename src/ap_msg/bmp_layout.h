@@ -2,7 +2,7 @@
 #ifndef AP_MSG_BMP_LAYOUT_H
 #define AP_MSG_BMP_LAYOUT_H
 
-#include "eth_raw/frame_layout.h"
+#include "base/field.h"
 
 namespace bmp {
 constexpr Field kMagic{0, 2};

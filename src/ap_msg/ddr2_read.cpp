@@ -1,8 +1,9 @@
 // Pictures out of a card's DDR2 memory.
 #include "ap_msg/ap_msg.h"
 
+#include "base/owners.h"
+#include "eth_raw/frame_layout.h"
 #include "log/write.h"
-#include "mem/owners.h"
 #include "raw_msg/ddr2.h"
 #include "raw_msg/raw_msg.h"
 

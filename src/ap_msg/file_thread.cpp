@@ -3,8 +3,8 @@
 
 #include "ap_msg/handover.h"
 #include "ap_msg/request.h"
+#include "base/locks.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 
 #include <algorithm>

@@ -2,6 +2,7 @@
 #include "ap_msg/ap_msg.h"
 
 #include "ap_msg/reply.h"
+#include "eth_raw/frame_layout.h"
 #include "log/write.h"
 
 #include <cstring>

@@ -2,7 +2,7 @@
 #ifndef AP_MSG_INPUT_FILE_H
 #define AP_MSG_INPUT_FILE_H
 
-#include "mem/owners.h"
+#include "base/owners.h"
 
 /** Whether a file is there, which is logged. */
 bool find_file(const char *name);

@@ -1,8 +1,8 @@
 #include "ap_msg/ap_msg.h"
 
 #include "ap_msg/message_layout.h"
+#include "base/stdout_guard.h"
 #include "board/board.h"
-#include "mem/locks.h"
 #include "mem/mem.h"
 
 #include <cstdio>

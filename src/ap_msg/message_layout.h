@@ -5,7 +5,7 @@
 #ifndef AP_MSG_MESSAGE_LAYOUT_H
 #define AP_MSG_MESSAGE_LAYOUT_H
 
-#include "eth_raw/frame_layout.h"
+#include "base/field.h"
 
 #include <array>
 

@@ -2,7 +2,7 @@
 #ifndef AP_MSG_PICTURE_FILE_H
 #define AP_MSG_PICTURE_FILE_H
 
-#include "mem/owners.h"
+#include "base/owners.h"
 
 #include <string_view>
 

@@ -5,6 +5,7 @@
 #include "ap_msg/reply.h"
 #include "ap_msg/request.h"
 #include "ap_msg/shown.h"
+#include "eth_raw/frame_layout.h"
 #include "log/write.h"
 #include "raw_msg/raw_msg.h"
 

@@ -1,8 +1,8 @@
 #include "ap_msg/reply.h"
 
 #include "ap_msg/ap_msg.h"
+#include "base/errno_keeper.h"
 #include "board/board.h"
-#include "log/errno_keeper.h"
 #include "log/write.h"
 
 #include <algorithm>

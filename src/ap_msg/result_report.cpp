@@ -4,7 +4,8 @@
 
 #include "ap_msg/ap_msg.h"
 #include "ap_msg/reply.h"
-#include "mem/locks.h"
+#include "base/stdout_guard.h"
+#include "eth_raw/frame_layout.h"
 
 #include <cstdio>
 #include <span>

@@ -3,9 +3,9 @@
 
 #include "ap_msg/process.h"
 #include "ap_msg/reply.h"
+#include "base/stdout_guard.h"
 #include "board/board.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 
 #include <cstdio>

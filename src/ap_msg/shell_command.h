@@ -2,7 +2,7 @@
 #ifndef AP_MSG_SHELL_COMMAND_H
 #define AP_MSG_SHELL_COMMAND_H
 
-#include "mem/owners.h"
+#include "base/owners.h"
 
 #include <string_view>
 

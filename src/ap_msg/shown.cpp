@@ -1,6 +1,6 @@
 #include "ap_msg/shown.h"
 
-#include "log/errno_keeper.h"
+#include "base/errno_keeper.h"
 
 #include <cstring>
 

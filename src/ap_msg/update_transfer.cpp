@@ -8,6 +8,7 @@
 #include "ap_msg/update_image.h"
 #include "ap_msg/update_layout.h"
 #include "board/board.h"
+#include "eth_raw/frame_layout.h"
 #include "raw_msg/raw_msg.h"
 #include "timer/sleep.h"
 

@@ -19,8 +19,8 @@
 #ifndef ETH_RAW_BUS_BLOCK_H
 #define ETH_RAW_BUS_BLOCK_H
 
+#include "base/export.h"
 #include "eth_raw/eth_raw.h"
-#include "log/export.h"
 
 #include <netpacket/packet.h>
 #include <stdint.h>

@@ -5,6 +5,7 @@
 #ifndef ETH_RAW_BUS_BLOCK_LAYOUT_H
 #define ETH_RAW_BUS_BLOCK_LAYOUT_H
 
+#include "base/field.h"
 #include "eth_raw/frame_layout.h"
 
 #include <algorithm>

@@ -2,8 +2,8 @@
 // which the kernel gives back for a process that dies.
 #include "eth_raw/bus_semaphore.h"
 
+#include "base/relaxed.h"
 #include "eth_raw/bus_block.h"
-#include "log/relaxed.h"
 #include "log/write.h"
 
 #include <cerrno>

@@ -1,9 +1,9 @@
 #include "eth_raw/eth_raw.h"
 
+#include "base/errno_keeper.h"
+#include "base/relaxed.h"
+#include "base/stdout_guard.h"
 #include "eth_raw/eth_raw_priv.h"
-#include "log/errno_keeper.h"
-#include "log/relaxed.h"
-#include "mem/locks.h"
 
 #include <cstdio>
 

@@ -11,7 +11,7 @@
 #ifndef ETH_RAW_ETH_RAW_H
 #define ETH_RAW_ETH_RAW_H
 
-#include "log/export.h"
+#include "base/export.h"
 
 #include <netpacket/packet.h>
 #include <pthread.h>

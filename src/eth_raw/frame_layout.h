@@ -1,44 +1,14 @@
 // frame_layout.h - the two frames of the raw message protocol, written once.
 //
-// Packer, unpacker and frame buffers take every offset from here. All fields are little-endian and
-// many stand at odd offsets, so they are loaded and stored byte by byte.
+// Packer, unpacker and frame buffers take every offset from here.
 #ifndef ETH_RAW_FRAME_LAYOUT_H
 #define ETH_RAW_FRAME_LAYOUT_H
+
+#include "base/field.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
-
-struct Field {
-    size_t offset;
-    size_t width;
-};
-
-constexpr uint32_t load_le(const uint8_t *from, Field field) {
-    uint32_t value = 0;
-    for (size_t i = field.width; i > 0; i--) {
-        value = (value << 8) | from[field.offset + i - 1];
-    }
-    return value;
-}
-
-constexpr void store_le(uint8_t *to, Field field, uint32_t value) {
-    for (size_t i = 0; i < field.width; i++) {
-        to[field.offset + i] = static_cast<uint8_t>(value >> (8 * i));
-    }
-}
-
-constexpr bool tiles(std::span<const Field> fields, size_t size) {
-    size_t next = 0;
-    for (const Field &field : fields) {
-        if (field.offset != next) {
-            return false;
-        }
-        next += field.width;
-    }
-    return next == size;
-}
 
 // The protocol's own fixed addresses; the hardware addresses of the interfaces play no part.
 constexpr std::array<uint8_t, 6> eth_raw_tx_header{0xEB, 0x90, 0xEB, 0x90, 0xEB, 0x90};

@@ -1,9 +1,9 @@
 // link_state.cpp - the table of link records, and what a record cannot tell about its link.
 #include "eth_raw/eth_raw.h"
 
+#include "base/locks.h"
+#include "base/relaxed.h"
 #include "eth_raw/eth_raw_priv.h"
-#include "log/relaxed.h"
-#include "mem/locks.h"
 
 #include <algorithm>
 #include <atomic>

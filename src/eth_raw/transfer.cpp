@@ -1,10 +1,10 @@
 #include "eth_raw/eth_raw.h"
 
+#include "base/locks.h"
 #include "eth_raw/eth_raw_priv.h"
 #include "eth_raw/frame_layout.h"
 #include "eth_raw/link_counts.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "timer/sleep.h"
 
 #include <cerrno>

@@ -1,8 +1,8 @@
 #include "log/log.h"
 
-#include "log/errno_keeper.h"
-#include "log/relaxed.h"
-#include "log/stdout_holds.h"
+#include "base/errno_keeper.h"
+#include "base/relaxed.h"
+#include "base/stdout_guard.h"
 #include "log/write.h"
 
 #include <atomic>

@@ -7,7 +7,7 @@
 #ifndef LOG_LOG_H
 #define LOG_LOG_H
 
-#include "log/export.h"
+#include "base/export.h"
 
 #include <stdio.h>
 

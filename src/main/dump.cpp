@@ -1,6 +1,6 @@
 #include "main/main.h"
 
-#include "mem/locks.h"
+#include "base/stdout_guard.h"
 
 #include <cstdio>
 

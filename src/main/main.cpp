@@ -1,9 +1,9 @@
 // The command-line tool: bring one link up, run one command, take the link down.
+#include "base/standard_streams.h"
 #include "board/board.h"
 #include "eth_raw/eth_raw.h"
 #include "eth_raw/eth_raw_priv.h"
 #include "log/log.h"
-#include "log/standard_streams.h"
 #include "log/write.h"
 #include "main/command.h"
 #include "main/usage.h"

@@ -2,7 +2,7 @@
 #ifndef MAIN_MAIN_H
 #define MAIN_MAIN_H
 
-#include "log/export.h"
+#include "base/export.h"
 
 #include <stdint.h>
 

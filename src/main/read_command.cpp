@@ -1,10 +1,10 @@
 #include "main/command.h"
 
+#include "base/locks.h"
 #include "eth_raw/eth_raw.h"
 #include "log/write.h"
 #include "main/main.h"
 #include "main/read_tests.h"
-#include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 
 namespace {

@@ -1,8 +1,8 @@
 #include "main/source.h"
 
 #include "ap_msg/input_file.h"
+#include "base/errno_keeper.h"
 #include "eth_raw/eth_raw.h"
-#include "log/errno_keeper.h"
 #include "log/write.h"
 #include "main/usage.h"
 

@@ -2,8 +2,8 @@
 #ifndef MAIN_SOURCE_H
 #define MAIN_SOURCE_H
 
+#include "base/owners.h"
 #include "main/command.h"
-#include "mem/owners.h"
 
 /** Gives a frame buffer back to the pool. */
 struct FreeFrameBuffer {

@@ -1,10 +1,10 @@
 #include "main/command.h"
 
+#include "base/locks.h"
 #include "log/write.h"
 #include "main/source.h"
 #include "main/usage.h"
 #include "main/write_tests.h"
-#include "mem/locks.h"
 #include "raw_msg/raw_msg.h"
 
 #include <cstring>

@@ -1,10 +1,10 @@
 #include "main/write_tests.h"
 
+#include "base/locks.h"
 #include "eth_raw/eth_raw.h"
 #include "log/write.h"
 #include "main/source.h"
 #include "main/throughput.h"
-#include "mem/locks.h"
 #include "raw_msg/raw_msg.h"
 #include "timer/sleep.h"
 

@@ -1,7 +1,7 @@
 #include "mem/mem.h"
 
+#include "base/locks.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "mem/mem_priv.h"
 
 #include <algorithm>

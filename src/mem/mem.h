@@ -6,7 +6,7 @@
 #ifndef MEM_MEM_H
 #define MEM_MEM_H
 
-#include "log/export.h"
+#include "base/export.h"
 
 #include <stdint.h>
 

@@ -1,8 +1,8 @@
 #include "queue/queue.h"
 
-#include "log/relaxed.h"
+#include "base/locks.h"
+#include "base/relaxed.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "mem/mem.h"
 #include "queue/queue_priv.h"
 #include "timer/sleep.h"

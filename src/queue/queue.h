@@ -9,7 +9,7 @@
 #ifndef QUEUE_QUEUE_H
 #define QUEUE_QUEUE_H
 
-#include "log/export.h"
+#include "base/export.h"
 #include "timer/timer.h"
 
 #include <semaphore.h>

@@ -1,7 +1,7 @@
 #include "raw_msg/raw_msg.h"
 
+#include "base/locks.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg_priv.h"
 #include "raw_msg/watch.h"

@@ -5,7 +5,7 @@
 #ifndef RAW_MSG_COUNTERS_H
 #define RAW_MSG_COUNTERS_H
 
-#include "log/export.h"
+#include "base/export.h"
 
 #include <stdint.h>
 

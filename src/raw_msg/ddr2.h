@@ -5,7 +5,7 @@
 #ifndef RAW_MSG_DDR2_H
 #define RAW_MSG_DDR2_H
 
-#include "eth_raw/frame_layout.h"
+#include "base/field.h"
 
 namespace ddr2 {
 

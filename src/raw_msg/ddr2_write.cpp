@@ -1,8 +1,9 @@
 // Pictures into the DDR2 memories behind an FPGA, by plain writes for speed.
 #include "raw_msg/raw_msg.h"
 
+#include "base/owners.h"
+#include "eth_raw/frame_layout.h"
 #include "log/write.h"
-#include "mem/owners.h"
 #include "raw_msg/ddr2.h"
 #include "timer/sleep.h"
 

@@ -1,8 +1,8 @@
 #include "raw_msg/raw_msg.h"
 
+#include "base/locks.h"
 #include "eth_raw/eth_raw_priv.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 #include "raw_msg/watch.h"
 #include "timer/sleep.h"

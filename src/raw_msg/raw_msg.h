@@ -12,7 +12,7 @@
 #ifndef RAW_MSG_RAW_MSG_H
 #define RAW_MSG_RAW_MSG_H
 
-#include "log/export.h"
+#include "base/export.h"
 #include "queue/queue.h"
 
 #include <pthread.h>

@@ -1,10 +1,10 @@
 #include "raw_msg/raw_msg.h"
 
+#include "base/locks.h"
 #include "eth_raw/eth_raw_priv.h"
 #include "eth_raw/frame_layout.h"
 #include "eth_raw/link_counts.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/raw_msg_priv.h"
 #include "timer/sleep.h"

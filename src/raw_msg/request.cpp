@@ -1,9 +1,9 @@
 #include "raw_msg/request.h"
 
+#include "base/locks.h"
 #include "eth_raw/eth_raw.h"
 #include "eth_raw/link_counts.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "mem/mem.h"
 #include "queue/queue_priv.h"
 #include "timer/sleep.h"

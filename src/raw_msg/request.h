@@ -2,7 +2,7 @@
 #ifndef RAW_MSG_REQUEST_H
 #define RAW_MSG_REQUEST_H
 
-#include "mem/locks.h"
+#include "base/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 
 #include <optional>

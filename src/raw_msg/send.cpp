@@ -1,10 +1,10 @@
 #include "raw_msg/raw_msg.h"
 
+#include "base/locks.h"
 #include "eth_raw/eth_raw.h"
 #include "eth_raw/frame_layout.h"
 #include "eth_raw/link_counts.h"
 #include "log/write.h"
-#include "mem/locks.h"
 #include "queue/queue_priv.h"
 #include "raw_msg/request.h"
 #include "raw_msg/watch.h"

@@ -1,6 +1,6 @@
 #include "raw_msg/watch.h"
 
-#include "mem/locks.h"
+#include "base/locks.h"
 #include "raw_msg/raw_msg_priv.h"
 
 #include <atomic>

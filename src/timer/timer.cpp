@@ -1,6 +1,6 @@
 #include "timer/timer.h"
 
-#include "log/relaxed.h"
+#include "base/relaxed.h"
 #include "timer/timer_priv.h"
 #include "timer/unblock.h"
 

@@ -6,7 +6,7 @@
 #ifndef TIMER_TIMER_H
 #define TIMER_TIMER_H
 
-#include "log/export.h"
+#include "base/export.h"
 
 #include <stdint.h>
 

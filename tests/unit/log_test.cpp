@@ -6,11 +6,11 @@
 // one is closed.
 #include "log/log.h"
 
+#include "base/relaxed.h"
+#include "base/stdout_guard.h"
 #include "lock_count.h"
-#include "log/relaxed.h"
 #include "log/write.h"
 #include "log_directory.h"
-#include "mem/locks.h"
 #include "output.h"
 
 #include <fcntl.h>

@@ -1,10 +1,10 @@
 // queue_test.cpp - the queues of outstanding requests: order, matching, time-outs, who releases.
 #include "queue/queue.h"
 
+#include "base/locks.h"
+#include "base/relaxed.h"
 #include "lock_count.h"
 #include "log/log.h"
-#include "log/relaxed.h"
-#include "mem/locks.h"
 #include "mem/mem.h"
 #include "mem/mem_priv.h"
 #include "output.h"

@@ -1,11 +1,11 @@
 // How requests end that get no answer and no time-out of their own: their sender is cancelled,
 // their check thread ends, their link is taken down, their queue is emptied, their process forks.
+#include "base/locks.h"
 #include "eth_raw/eth_raw.h"
 #include "fake_wire.h"
 #include "forked.h"
 #include "lock_count.h"
 #include "log/log.h"
-#include "mem/locks.h"
 #include "mem/mem.h"
 #include "mem/mem_priv.h"
 #include "output.h"

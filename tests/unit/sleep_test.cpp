@@ -3,9 +3,9 @@
 // Only lower bounds: a busy machine may be late at any time. One test plays the clock instead.
 #include "timer/sleep.h"
 
+#include "base/locks.h"
+#include "base/relaxed.h"
 #include "fake_clock.h"
-#include "log/relaxed.h"
-#include "mem/locks.h"
 #include "timer/timer.h"
 
 #include <gtest/gtest.h>

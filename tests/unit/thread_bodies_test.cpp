@@ -2,10 +2,10 @@
 //
 // Linked with --wrap=clock_nanosleep,sched_setaffinity: a thread's sleep is where the test looks at
 // what it has done, and where it ends it.
+#include "base/relaxed.h"
 #include "eth_raw/eth_raw.h"
 #include "fake_wire.h"
 #include "lock_count.h"
-#include "log/relaxed.h"
 #include "log_lines.h"
 #include "main/main.h"
 #include "mem/mem.h"

@@ -1,7 +1,7 @@
 // timer_test.cpp - countdowns of queued records, and the tick that drives them.
 #include "timer/timer.h"
 
-#include "log/relaxed.h"
+#include "base/relaxed.h"
 #include "queue/queue_priv.h"
 #include "timer/last_alarm.h"
 #include "timer/timer_priv.h"

@@ -1,6 +1,6 @@
 // standard_streams.h - keeps sockets and files out of the places of the standard streams.
-#ifndef LOG_STANDARD_STREAMS_H
-#define LOG_STANDARD_STREAMS_H
+#ifndef BASE_STANDARD_STREAMS_H
+#define BASE_STANDARD_STREAMS_H
 
 #include <fcntl.h>
 #include <initializer_list>

@@ -1,11 +1,8 @@
-// locks.h - mutexes, semaphores, standard output and cancellation, each held by a scope.
-#ifndef MEM_LOCKS_H
-#define MEM_LOCKS_H
-
-#include "log/stdout_holds.h"
+// locks.h - mutexes, semaphores and cancellation, each held by a scope.
+#ifndef BASE_LOCKS_H
+#define BASE_LOCKS_H
 
 #include <cerrno>
-#include <cstdio>
 #include <pthread.h>
 #include <semaphore.h>
 
@@ -59,28 +56,6 @@ public:
 
 private:
     int here_ = PTHREAD_CANCEL_DISABLE;
-};
-
-/**
- * Keeps what a scope prints together on standard output: other threads' lines come before or behind
- * it. Nor is a thread cancelled in the middle of it. No log call may stand in such a scope, see
- * log/stdout_holds.h: builds with assertions end there.
- */
-class StdoutGuard {
-public:
-    StdoutGuard() {
-        flockfile(stdout);
-        t_stdout_holds += 1;
-    }
-    ~StdoutGuard() {
-        t_stdout_holds -= 1;
-        funlockfile(stdout);
-    }
-    StdoutGuard(const StdoutGuard &) = delete;
-    StdoutGuard &operator=(const StdoutGuard &) = delete;
-
-private:
-    CancelOff whole_;
 };
 
 /**

@@ -2,8 +2,8 @@
 //
 // Some published variables are plain C integers that several threads touch: switches, counters, the
 // tick count. No decision about other memory hangs on them, so relaxed order is enough.
-#ifndef LOG_RELAXED_H
-#define LOG_RELAXED_H
+#ifndef BASE_RELAXED_H
+#define BASE_RELAXED_H
 
 #include <atomic>
 

@@ -1,6 +1,6 @@
 // owners.h - heap memory and files, each held by a scope.
-#ifndef MEM_OWNERS_H
-#define MEM_OWNERS_H
+#ifndef BASE_OWNERS_H
+#define BASE_OWNERS_H
 
 #include <cstdint>
 #include <cstdio>

@@ -2,8 +2,8 @@
 //
 // A send decides by errno alone whether to send again. A report that runs into a full,
 // non-blocking standard output would leave EAGAIN behind and cause a frame that nobody asked for.
-#ifndef LOG_ERRNO_KEEPER_H
-#define LOG_ERRNO_KEEPER_H
+#ifndef BASE_ERRNO_KEEPER_H
+#define BASE_ERRNO_KEEPER_H
 
 #include <cerrno>
 
