@@ -103,13 +103,20 @@ TEST_F(Endless, RefusalsForEverLastUntilASignal) {
     }
 }
 
+// In order: the limit for what is still to be written is not reached.
 TEST_F(Endless, ASignalEndsAWaitingCommand) {
+    const Directory directory;
     for (const int signo : {SIGINT, SIGTERM, SIGQUIT}) {
-        Process tool({.argv = ruk_command({"0", "readw", "1", "3", "7040"})});
+        const std::string log = directory.file("calls", {});
+        Process tool({.argv = ruk_command({"0", "readw", "1", "3", "7040"},
+                                          preloading(CALL_LOG_LIBRARY, {"CALL_LOG=" + log}))});
         ASSERT_TRUE(tool.await_output("thread1 id"));
+        tool.send(SIGHUP); // ignored
         tool.send(signo);
         EXPECT_EQ(tool.wait(), 0);
         EXPECT_EQ(count(tool.out(), "register end"), 0); // it was in the middle of its work
+        const Bytes calls = content_of(log);
+        EXPECT_EQ(count(std::string(calls.begin(), calls.end()), "no exit"), 0);
     }
 }
 
