@@ -1,5 +1,5 @@
 // The card's side of the bus block protocol, frame by frame, with offsets of this file's own.
-#include "card.h"
+#include "card/card.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <numeric>
 
 #include "requests.h"
-#include "trace.h"
+#include "run/trace.h"
 
 namespace {
 

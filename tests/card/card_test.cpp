@@ -1,5 +1,5 @@
 // The card without sockets: a request in, the frames to send out, the counters beside it.
-#include "card.h"
+#include "card/card.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "counters.h"
+#include "faults/counters.h"
 
 #include <gtest/gtest.h>
 

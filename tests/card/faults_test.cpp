@@ -1,4 +1,4 @@
-#include "faults.h"
+#include "faults/faults.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Firmware as files, compared byte by byte.
-#include "firmware_file.h"
+#include "firmware/firmware_file.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

@@ -1,5 +1,5 @@
 // The card's firmware side, request by request.
-#include "firmware_text.h"
+#include "firmware/firmware_text.h"
 
 #include <gtest/gtest.h>
 
@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "card.h"
+#include "card/card.h"
 #include "requests.h"
-#include "trace.h"
+#include "run/trace.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "memory.h"
+#include "registers/memory.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "memory_file.h"
+#include "registers/memory_file.h"
 
 namespace {
 

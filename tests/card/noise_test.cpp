@@ -1,4 +1,4 @@
-#include "noise.h"
+#include "faults/noise.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
-#include "options.h"
+#include "run/options.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "help.h"
+#include "run/help.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "outbox.h"
+#include "faults/outbox.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "parse.h"
+#include "run/parse.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "card.h"
+#include "card/card.h"
 #include "requests.h"
 
 namespace picture_bed {

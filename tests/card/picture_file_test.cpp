@@ -1,5 +1,5 @@
 // PNG files, decoded again and compared pixel by pixel.
-#include "picture_file.h"
+#include "pictures/picture_file.h"
 
 #include <gtest/gtest.h>
 #include <png.h>

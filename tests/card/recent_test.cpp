@@ -1,4 +1,4 @@
-#include "recent.h"
+#include "faults/recent.h"
 
 #include <gtest/gtest.h>
 

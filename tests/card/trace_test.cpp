@@ -1,4 +1,4 @@
-#include "trace.h"
+#include "run/trace.h"
 
 #include <gtest/gtest.h>
 

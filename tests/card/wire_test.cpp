@@ -1,5 +1,5 @@
 // Frames of docs/protocol.md, worked out by hand, and everything a request can have wrong.
-#include "wire.h"
+#include "wire/wire.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,48 @@
+#include "card/card.h"
+
+#include "bus_block/bus_block.h"
+#include "card/raw_message.h"
+
+namespace card {
+
+namespace {
+
+constexpr std::array kProtocols = {&kRawMessageProtocol, &kBusBlockProtocol};
+
+} // namespace
+
+void card_receive(Card &card, const Arrival &arrival, Outcome &out) {
+    card.counters.frames++;
+    out.protocol = nullptr;
+    out.disposition = Disposition::kOtherProtocol;
+    out.resend = false;
+    out.faults = {};
+    out.remark.clear();
+    out.count = 0;
+    for (const Protocol *protocol : kProtocols) {
+        if (protocol->claims(arrival.frame)) {
+            out.protocol = protocol;
+            protocol->handle(card, arrival, out);
+            return;
+        }
+    }
+    card.counters.ignored_frames++;
+    card.counters.ignored_other_protocol++;
+}
+
+Reply *outcome_add(Outcome &out) {
+    if (out.count == out.replies.size()) {
+        return nullptr;
+    }
+    Reply &reply = out.replies[out.count++];
+    reply.protocol = nullptr;
+    reply.kind = ReplyKind::kNoise;
+    reply.faults = {};
+    reply.delay_us = 0;
+    reply.behind_next = false;
+    reply.copies = 1;
+    reply.size = 0; // the bytes stay as they are: clearing them for every frame costs time
+    return &reply;
+}
+
+} // namespace card

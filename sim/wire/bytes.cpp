@@ -1,0 +1,77 @@
+#include "wire/bytes.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+
+namespace card {
+
+namespace {
+
+constexpr size_t kWord = sizeof(uint64_t);
+
+// Up to eight bytes as one word, in the host's order; what is missing counts as 0.
+uint64_t load_word(Bytes bytes) {
+    uint64_t word = 0;
+    std::memcpy(&word, bytes.data(), std::min(kWord, bytes.size()));
+    return word;
+}
+
+// Sum of at most kSpan bytes: every second byte of a word goes to one of four 16-bit lanes, which
+// cannot overflow before the lanes are added up.
+constexpr size_t kSpan = 1024;
+static_assert(kSpan / kWord * 2 * 0xFF <= 0xFFFF);
+
+uint32_t short_sum(Bytes bytes) {
+    constexpr uint64_t kLanes = 0x00FF00FF00FF00FFU;
+    uint64_t lanes = 0;
+    size_t at = 0;
+    for (; at + kWord <= bytes.size(); at += kWord) {
+        uint64_t word = 0;
+        std::memcpy(&word, bytes.data() + at, kWord);
+        lanes += (word & kLanes) + ((word >> 8) & kLanes);
+    }
+    uint32_t sum = 0;
+    for (; lanes != 0; lanes >>= 16) {
+        sum += static_cast<uint32_t>(lanes & 0xFFFF);
+    }
+    for (; at < bytes.size(); at++) {
+        sum += bytes[at];
+    }
+    return sum;
+}
+
+} // namespace
+
+// Every request and every reply is summed, so this goes word by word.
+uint16_t byte_sum(Bytes bytes) {
+    uint32_t sum = 0;
+    while (!bytes.empty()) {
+        const Bytes span = bytes.first(std::min(bytes.size(), kSpan));
+        sum += short_sum(span);
+        bytes = bytes.subspan(span.size());
+    }
+    return static_cast<uint16_t>(sum);
+}
+
+uint64_t fingerprint(Bytes bytes, uint64_t start) {
+    constexpr uint64_t kOdd = 0xD6E8FEB86659FD93U;
+    // Two independent halves, word by word in turn: the processor works on both at once.
+    std::array<uint64_t, 2> halves = {start * kOdd, bytes.size()};
+    size_t at = 0;
+    for (; at + 2 * kWord <= bytes.size(); at += 2 * kWord) {
+        std::array<uint64_t, 2> words{};
+        std::memcpy(words.data(), bytes.data() + at, sizeof words);
+        halves[0] = (std::rotl(halves[0], 23) ^ words[0]) * kOdd;
+        halves[1] = (std::rotl(halves[1], 29) ^ words[1]) * kOdd;
+    }
+    for (; at < bytes.size(); at += kWord) {
+        halves[0] = (std::rotl(halves[0], 23) ^ load_word(bytes.subspan(at))) * kOdd;
+    }
+    uint64_t hash = (halves[0] ^ (halves[0] >> 32)) * kOdd + halves[1];
+    hash = (hash ^ (hash >> 32)) * kOdd;
+    return hash ^ (hash >> 29);
+}
+
+} // namespace card
