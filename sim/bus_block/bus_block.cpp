@@ -2,6 +2,7 @@
 
 #include "bus_block/bus_block_text.h"
 #include "bus_block/bus_block_wire.h"
+#include "card/card.h"
 #include "faults/link_faults.h"
 
 namespace card {
@@ -63,7 +64,7 @@ void build_data(Card &card, const bus::Request &request, Reply &reply) {
 void answer(Card &card, const bus::Request &request, Outcome &out) {
     const AddressRule *refusal = apply_rule(card.faults, Fault::kError, request.addr);
     if (refusal != nullptr) {
-        commit_fault(card, Fault::kError, Disposition::kRefused, out);
+        commit_fault(card.counters, Fault::kError, Disposition::kRefused, out);
     } else {
         out.disposition = Disposition::kAnswered;
     }
@@ -83,15 +84,15 @@ void answer(Card &card, const bus::Request &request, Outcome &out) {
 }
 
 void carry_out(Card &card, const bus::Request &request, Outcome &out) {
-    add_noise(card, out);
+    add_noise(card.faults, card.counters, out);
     if (fault_happens(card.faults, Fault::kDropRequest)) {
-        commit_fault(card, Fault::kDropRequest, Disposition::kLostRequest, out);
+        commit_fault(card.counters, Fault::kDropRequest, Disposition::kLostRequest, out);
     } else if (request.type == bus::kTypeWrite) {
         memory_write(card.memory, request.addr, request.data);
         card.counters.bytes_written += request.data.size();
         out.disposition = Disposition::kWritten;
     } else if (apply_rule(card.faults, Fault::kSilence, request.addr) != nullptr) {
-        commit_fault(card, Fault::kSilence, Disposition::kSilent, out);
+        commit_fault(card.counters, Fault::kSilence, Disposition::kSilent, out);
     } else {
         answer(card, request, out);
     }

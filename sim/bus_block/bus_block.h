@@ -6,7 +6,7 @@
 #ifndef CARD_BUS_BLOCK_H
 #define CARD_BUS_BLOCK_H
 
-#include "card/card.h"
+#include "faults/exchange.h"
 
 namespace card {
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "card/card.h"
 #include "card/raw_message_text.h"
 #include "faults/link_faults.h"
 #include "firmware/firmware_text.h"
@@ -224,7 +225,7 @@ std::optional<Refusal> find_refusal(const Job &job) {
 void answer(const Job &job) {
     const std::optional<Refusal> refusal = find_refusal(job);
     if (refusal) {
-        commit_fault(job.card, Fault::kError, Disposition::kRefused, job.out);
+        commit_fault(job.card.counters, Fault::kError, Disposition::kRefused, job.out);
     } else {
         job.out.disposition = Disposition::kAnswered;
         write_registers(job);
@@ -253,15 +254,15 @@ void note_firmware(Job &job) {
 void carry_out(Job job) {
     job.entry = note_request(job);
     note_firmware(job);
-    add_noise(job.card, job.out);
+    add_noise(job.card.faults, job.card.counters, job.out);
     if (fault_happens(job.card.faults, Fault::kDropRequest)) {
-        commit_fault(job.card, Fault::kDropRequest, Disposition::kLostRequest, job.out);
+        commit_fault(job.card.counters, Fault::kDropRequest, Disposition::kLostRequest, job.out);
     } else if (job.request.code == wire::kCodeWrite) {
         write_registers(job);
         job.out.disposition = Disposition::kWritten;
     } else if (apply_rule(job.card.faults, Fault::kSilence, job.request.addr) != nullptr) {
         carry_out_unheard(job);
-        commit_fault(job.card, Fault::kSilence, Disposition::kSilent, job.out);
+        commit_fault(job.card.counters, Fault::kSilence, Disposition::kSilent, job.out);
     } else {
         answer(job);
     }

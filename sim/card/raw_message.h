@@ -2,7 +2,7 @@
 #ifndef CARD_RAW_MESSAGE_H
 #define CARD_RAW_MESSAGE_H
 
-#include "card/card.h"
+#include "faults/exchange.h"
 
 namespace card {
 

@@ -12,9 +12,17 @@
 #include <string_view>
 #include <vector>
 
-#include "run/parse.h"
-
 namespace card {
+
+/** Parts per million of 100 %. */
+constexpr uint32_t kAlways = 1000000;
+
+/** An inclusive range of addresses, and how many times a rule on it applies (0: always). */
+struct AddressRange {
+    uint32_t first = 0;
+    uint32_t last = 0;
+    uint64_t times = 0;
+};
 
 enum class Fault : uint8_t {
     kDropRequest, // a request is treated as lost on its way to the card

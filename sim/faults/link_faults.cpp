@@ -1,25 +1,26 @@
 #include "faults/link_faults.h"
 
 #include "faults/noise.h"
+#include "wire/wire.h"
 
 namespace card {
 
-void add_noise(Card &card, Outcome &out) {
-    if (!fault_happens(card.faults, Fault::kNoise)) {
+void add_noise(FaultEngine &engine, Counters &counters, Outcome &out) {
+    if (!fault_happens(engine, Fault::kNoise)) {
         return;
     }
     Reply *noise = outcome_add(out);
     if (noise != nullptr) {
-        make_noise(card.faults, *noise);
+        make_noise(engine, *noise);
         noise->faults.add(Fault::kNoise);
-        count_faults(card.counters, noise->faults);
+        count_faults(counters, noise->faults);
     }
 }
 
-void commit_fault(Card &card, Fault fault, Disposition disposition, Outcome &out) {
+void commit_fault(Counters &counters, Fault fault, Disposition disposition, Outcome &out) {
     FaultSet one;
     one.add(fault);
-    count_faults(card.counters, one);
+    count_faults(counters, one);
     out.faults.add(fault);
     out.disposition = disposition;
 }

@@ -2,15 +2,16 @@
 #ifndef CARD_LINK_FAULTS_H
 #define CARD_LINK_FAULTS_H
 
-#include "card/card.h"
+#include "faults/counters.h"
+#include "faults/exchange.h"
 
 namespace card {
 
 /** Perhaps put an unrelated frame in front of the answer. */
-void add_noise(Card &card, Outcome &out);
+void add_noise(FaultEngine &engine, Counters &counters, Outcome &out);
 
 /** Count a fault that was committed on the request itself, and what became of the request. */
-void commit_fault(Card &card, Fault fault, Disposition disposition, Outcome &out);
+void commit_fault(Counters &counters, Fault fault, Disposition disposition, Outcome &out);
 
 /** Lose, spoil, repeat or hold up a built reply. A lost reply suffers nothing else. */
 void apply_link_faults(const ReplyFaults &faults, Reply &reply);

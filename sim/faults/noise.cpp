@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "wire/wire.h"
+
 namespace card {
 
 namespace {

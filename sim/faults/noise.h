@@ -2,7 +2,7 @@
 #ifndef CARD_NOISE_H
 #define CARD_NOISE_H
 
-#include "card/card.h"
+#include "faults/exchange.h"
 
 namespace card {
 

@@ -11,7 +11,7 @@
 #include <optional>
 #include <utility>
 
-#include "card/card.h"
+#include "faults/exchange.h"
 
 namespace card {
 

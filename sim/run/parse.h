@@ -11,17 +11,9 @@
 #include <string_view>
 #include <utility>
 
+#include "faults/faults.h"
+
 namespace card {
-
-/** Parts per million of 100 %. */
-constexpr uint32_t kAlways = 1000000;
-
-/** An inclusive range of addresses, and how many times a rule on it applies (0: always). */
-struct AddressRange {
-    uint32_t first = 0;
-    uint32_t last = 0;
-    uint64_t times = 0;
-};
 
 std::optional<uint32_t> parse_hex(std::string_view text, uint32_t max);
 std::optional<uint64_t> parse_count(std::string_view text, uint64_t max);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "run/protocols.h"
 #include "run/trace.h"
 
 namespace card {

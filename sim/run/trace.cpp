@@ -3,6 +3,8 @@
 #include <array>
 #include <cstdio>
 
+#include "wire/wire.h"
+
 namespace card {
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "card/card.h"
+#include "faults/exchange.h"
 
 namespace card {
 

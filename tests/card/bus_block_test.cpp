@@ -1,5 +1,5 @@
 // The card's side of the bus block protocol, frame by frame, with offsets of this file's own.
-#include "card/card.h"
+#include "run/protocols.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The card without sockets: a request in, the frames to send out, the counters beside it.
-#include "card/card.h"
+#include "run/protocols.h"
 
 #include <gtest/gtest.h>
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "card/card.h"
 #include "requests.h"
+#include "run/protocols.h"
 #include "run/trace.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "requests.h"
+#include "wire/wire.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <memory>
 #include <vector>
 
-#include "card/card.h"
 #include "requests.h"
+#include "run/protocols.h"
 
 namespace picture_bed {
 

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "requests.h"
+#include "run/protocols.h"
 
 namespace {
 

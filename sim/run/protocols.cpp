@@ -1,4 +1,6 @@
-#include "card/card.h"
+#include "run/protocols.h"
+
+#include <array>
 
 #include "bus_block/bus_block.h"
 #include "card/raw_message.h"
@@ -28,21 +30,6 @@ void card_receive(Card &card, const Arrival &arrival, Outcome &out) {
     }
     card.counters.ignored_frames++;
     card.counters.ignored_other_protocol++;
-}
-
-Reply *outcome_add(Outcome &out) {
-    if (out.count == out.replies.size()) {
-        return nullptr;
-    }
-    Reply &reply = out.replies[out.count++];
-    reply.protocol = nullptr;
-    reply.kind = ReplyKind::kNoise;
-    reply.faults = {};
-    reply.delay_us = 0;
-    reply.behind_next = false;
-    reply.copies = 1;
-    reply.size = 0; // the bytes stay as they are: clearing them for every frame costs time
-    return &reply;
 }
 
 } // namespace card
