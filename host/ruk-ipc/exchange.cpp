@@ -1,6 +1,7 @@
 #include "exchange.h"
 
 #include "ap_msg/message_layout.h"
+#include "base/clock.h"
 #include "board/board.h"
 
 #include <pthread.h>
@@ -30,9 +31,7 @@ constexpr int kModules = 0x30;
 
 constexpr int kNoReason = -1; // the board's own library may leave errno alone
 
-constexpr long kNsPerMs = 1000000;
-constexpr long kMsPerS = 1000;
-constexpr long kNsPerS = kNsPerMs * kMsPerS;
+constexpr int64_t kUsPerMs = 1000;
 
 // The handler of the message library takes no context. None of these has a destructor, as the
 // receiving thread outlives them.
@@ -141,16 +140,6 @@ std::string take_module(uint8_t module) {
     return error == 0 ? std::string() : join_failure(error);
 }
 
-timespec deadline_after(uint32_t timeout_ms) {
-    timespec until{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &until); // cannot fail for this clock
-    until.tv_sec += static_cast<time_t>(timeout_ms / kMsPerS);
-    until.tv_nsec += static_cast<long>(timeout_ms % kMsPerS) * kNsPerMs;
-    until.tv_sec += until.tv_nsec / kNsPerS;
-    until.tv_nsec %= kNsPerS;
-    return until;
-}
-
 void want(const Request *request) {
     const std::lock_guard guard(g_lock);
     g_inbox.wanted = request;
@@ -159,7 +148,7 @@ void want(const Request *request) {
 }
 
 Answer await_reply(uint32_t timeout_ms) {
-    const timespec until = deadline_after(timeout_ms);
+    const timespec until = deadline_after(std::chrono::milliseconds(timeout_ms));
     const std::lock_guard guard(g_lock);
     int waited = 0;
     while (g_inbox.wanted != nullptr && waited == 0) {
@@ -208,7 +197,7 @@ std::string join(uint8_t &module) {
 }
 
 std::string send(Request &request) {
-    const auto start = std::chrono::steady_clock::now();
+    const Stopwatch waited;
     errno = 0;
     const int error =
         library_result(apipc_send(static_cast<int>(service_address()), request.bytes.data(),
@@ -216,9 +205,6 @@ std::string send(Request &request) {
     if (error == 0) {
         return {};
     }
-    const auto waited_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                               std::chrono::steady_clock::now() - start)
-                               .count();
     const std::string service =
         "the request service " + hex32(service_address()) + " in " + message_directory();
     if (error == ENOENT || error == ECONNREFUSED) {
@@ -227,7 +213,8 @@ std::string send(Request &request) {
                "and APCARD_SLOT?";
     }
     if (error == ETIMEDOUT) {
-        return service + " took no message within " + std::to_string(waited_ms) +
+        return service + " took no message within " +
+               std::to_string(waited.microseconds() / kUsPerMs) +
                " ms: it is stuck or overloaded; look at its log";
     }
     return "cannot send to " + service + ": " + reason(error);

@@ -1,10 +1,12 @@
 #include "ap_msg/ap_msg.h"
 
 #include "ap_msg/message_layout.h"
+#include "base/hex_dump.h"
 #include "base/stdout_guard.h"
 #include "board/board.h"
 #include "mem/mem.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -44,14 +46,9 @@ int GetIdByIndex(int /*index*/) {
 }
 
 void print_buf(const uint8_t *p, int n) {
-    constexpr int kBytesPerLine = 16;
+    constexpr size_t kBytesPerLine = 16;
     const StdoutGuard whole_dump;
-    for (int i = 0; i < n; i++) {
-        if (i % kBytesPerLine == 0) {
-            printf("\n");
-        }
-        printf("%02x ", p[i]);
-    }
+    print_hex({p, static_cast<size_t>(std::max(n, 0))}, kBytesPerLine);
     printf("\n");
 }
 

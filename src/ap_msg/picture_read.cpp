@@ -5,6 +5,7 @@
 #include "ap_msg/input_file.h"
 #include "ap_msg/picture_request.h"
 #include "ap_msg/shown.h"
+#include "base/clock.h"
 #include "board/board.h"
 #include "log/write.h"
 #include "raw_msg/ddr2.h"
@@ -15,8 +16,6 @@
 #include <utility>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr char kBmpEnding[] = ".bmp";
 
@@ -77,11 +76,10 @@ void reverse_pixels(const Picture &picture) {
 
 void read_timed(const Request &from, const Picture &picture) {
     constexpr int64_t kMicrosecondsPerSecond = 1000000;
-    const auto start = Clock::now();
+    const Stopwatch watch;
     DDR2Read(from.index, from.model, from.slot, from.addr, static_cast<uint16_t>(picture.hor),
              static_cast<uint16_t>(picture.ver), picture.pixels.get());
-    const auto took =
-        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+    const int64_t took = watch.microseconds();
     LOG("\ntotal time:%d sec,%d usec", static_cast<int>(took / kMicrosecondsPerSecond),
         static_cast<int>(took % kMicrosecondsPerSecond));
 }

@@ -5,6 +5,7 @@
 #include "ap_msg/picture_file.h"
 #include "ap_msg/picture_request.h"
 #include "ap_msg/shown.h"
+#include "base/clock.h"
 #include "eth_raw/frame_layout.h"
 #include "log/write.h"
 #include "raw_msg/raw_msg.h"
@@ -13,8 +14,6 @@
 #include <chrono>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kControlRegister = 0x7040;
 constexpr uint32_t kPixelRegister = 0x40000;
@@ -92,7 +91,7 @@ int write_file_handler(int index, int slot, int model, uint32_t addr, int hor, i
     if (!find_file(name)) {
         return -1;
     }
-    const auto start = Clock::now();
+    const Stopwatch watch;
     const File file = open_input(name);
     if (file == nullptr) {
         LOG("open file %s failed\n", Shown(name).text());
@@ -117,7 +116,7 @@ int write_file_handler(int index, int slot, int model, uint32_t addr, int hor, i
     if (format == PictureFormat::kOther) {
         LOG("file no format\n");
     }
-    LOG("total time:%f sec\n", std::chrono::duration<double>(Clock::now() - start).count());
+    LOG("total time:%f sec\n", watch.seconds());
     return result;
 }
 

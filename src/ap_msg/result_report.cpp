@@ -4,6 +4,7 @@
 
 #include "ap_msg/ap_msg.h"
 #include "ap_msg/reply.h"
+#include "base/hex_dump.h"
 #include "base/stdout_guard.h"
 #include "eth_raw/frame_layout.h"
 
@@ -16,9 +17,7 @@ constexpr uint32_t kReportMessageId = 14;
 
 void print_header(std::span<const uint8_t> header) {
     const StdoutGuard whole_dump;
-    for (const uint8_t byte : header) {
-        printf("%02x ", byte);
-    }
+    print_hex(header);
     printf("\n end ");
 }
 

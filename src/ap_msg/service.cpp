@@ -3,6 +3,7 @@
 
 #include "ap_msg/process.h"
 #include "ap_msg/reply.h"
+#include "base/hex_dump.h"
 #include "base/stdout_guard.h"
 #include "board/board.h"
 #include "log/write.h"
@@ -17,9 +18,7 @@ constexpr int kServicePriority = 88; // below the link's receive thread, whose a
 
 void dump(std::span<const uint8_t> message) {
     const StdoutGuard whole_dump;
-    for (const uint8_t byte : message) {
-        printf("%02x ", byte);
-    }
+    print_hex(message);
     printf("\n");
 }
 

@@ -1,17 +1,19 @@
 #include "eth_raw/eth_raw.h"
 
 #include "base/errno_keeper.h"
+#include "base/hex_dump.h"
 #include "base/relaxed.h"
 #include "base/stdout_guard.h"
 #include "eth_raw/eth_raw_priv.h"
 
+#include <algorithm>
 #include <cstdio>
 
 int print_flag = 0;
 
 namespace {
 
-constexpr int kBytesPerLine = 16;
+constexpr size_t kBytesPerLine = 16;
 
 } // namespace
 
@@ -26,11 +28,6 @@ void dump_frame(const char *word, const uint8_t *frame, int n) {
     const ErrnoKeeper keep_errno;
     const StdoutGuard whole_dump; // the other thread's would mix with it on the screen
     printf("%s: \n", word);
-    for (int i = 0; i < n; i++) {
-        if (i % kBytesPerLine == 0) {
-            printf("\n");
-        }
-        printf("%02x ", frame[i]);
-    }
+    print_hex({frame, static_cast<size_t>(std::max(n, 0))}, kBytesPerLine);
     printf("\n");
 }

@@ -1,21 +1,16 @@
 #include "main/command.h"
 
 #include "ap_msg/ap_msg.h"
+#include "base/clock.h"
 #include "log/write.h"
-
-#include <chrono>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // In single precision, which has always been what the log shows. Microseconds are counted in 32
 // bits: an update that takes more than 35 minutes shows a time that has wrapped.
-float seconds_since(Clock::time_point start) {
+float shown_seconds(const Stopwatch &watch) {
     constexpr float kMicrosecondsPerSecond = 1e6F;
-    const auto took =
-        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
-    return static_cast<float>(static_cast<int32_t>(static_cast<uint32_t>(took))) /
+    return static_cast<float>(static_cast<int32_t>(static_cast<uint32_t>(watch.microseconds()))) /
            kMicrosecondsPerSecond;
 }
 
@@ -28,9 +23,9 @@ Outcome run_update(const CommandLine &line) {
         return Outcome::kDone;
     }
     const char *file = line.argv[kArgFile];
-    const auto start = Clock::now();
+    const Stopwatch watch;
     (void)update_firmware(line.slot, line.model, file); // it has said how it went
     LOG("update slot:%d type:0x%x file:%s cost: %fs \n", line.slot, line.model, file,
-        static_cast<double>(seconds_since(start)));
+        static_cast<double>(shown_seconds(watch)));
     return Outcome::kDone;
 }
