@@ -1,8 +1,8 @@
 #include "picture.h"
 
-#include "ap_msg/bmp_layout.h"
 #include "ap_msg/message_layout.h"
-#include "ap_msg/picture_file.h"
+#include "ap_msg/pictures/bmp_layout.h"
+#include "ap_msg/pictures/picture_file.h"
 #include "board/descriptor.h"
 #include "raw_msg/ddr2.h"
 

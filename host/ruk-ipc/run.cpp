@@ -1,7 +1,7 @@
 #include "run.h"
 
+#include "ap_msg/firmware/update_layout.h"
 #include "ap_msg/message_layout.h"
-#include "ap_msg/update_layout.h"
 #include "exchange.h"
 #include "files.h"
 #include "picture.h"

@@ -2,7 +2,7 @@
 #include "main/main.h"
 
 #include "ap_msg/input_file.h"
-#include "ap_msg/picture_file.h"
+#include "ap_msg/pictures/picture_file.h"
 #include "log/write.h"
 #include "raw_msg/ddr2.h"
 #include "raw_msg/raw_msg.h"

@@ -1,10 +1,10 @@
 // A request to update a card's firmware: by the device's own programming tool, or over the link.
 #include "ap_msg/ap_msg.h"
 
+#include "ap_msg/firmware/shell_command.h"
 #include "ap_msg/input_file.h"
 #include "ap_msg/reply.h"
 #include "ap_msg/request.h"
-#include "ap_msg/shell_command.h"
 #include "ap_msg/shown.h"
 #include "log/write.h"
 

@@ -1,6 +1,6 @@
 // picture_request.h - a request to move a picture, taken apart.
-#ifndef AP_MSG_PICTURE_REQUEST_H
-#define AP_MSG_PICTURE_REQUEST_H
+#ifndef AP_MSG_PICTURES_PICTURE_REQUEST_H
+#define AP_MSG_PICTURES_PICTURE_REQUEST_H
 
 #include "ap_msg/request.h"
 

@@ -1,4 +1,4 @@
-#include "ap_msg/picture_request.h"
+#include "ap_msg/pictures/picture_request.h"
 
 #include "log/write.h"
 

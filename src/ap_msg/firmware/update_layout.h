@@ -1,6 +1,6 @@
 // update_layout.h - what a card gets when its firmware is updated, written once.
-#ifndef AP_MSG_UPDATE_LAYOUT_H
-#define AP_MSG_UPDATE_LAYOUT_H
+#ifndef AP_MSG_FIRMWARE_UPDATE_LAYOUT_H
+#define AP_MSG_FIRMWARE_UPDATE_LAYOUT_H
 
 #include "base/field.h"
 

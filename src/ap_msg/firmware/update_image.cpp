@@ -1,9 +1,9 @@
-#include "ap_msg/update_image.h"
+#include "ap_msg/firmware/update_image.h"
 
 #include "ap_msg/ap_msg.h"
+#include "ap_msg/firmware/update_layout.h"
 #include "ap_msg/input_file.h"
 #include "ap_msg/shown.h"
-#include "ap_msg/update_layout.h"
 #include "log/write.h"
 
 #include <cerrno>

@@ -1,6 +1,6 @@
 // shell_command.h - shell command lines with a file name in them.
-#ifndef AP_MSG_SHELL_COMMAND_H
-#define AP_MSG_SHELL_COMMAND_H
+#ifndef AP_MSG_FIRMWARE_SHELL_COMMAND_H
+#define AP_MSG_FIRMWARE_SHELL_COMMAND_H
 
 #include "base/owners.h"
 

@@ -1,6 +1,6 @@
 // update_image.h - the temporary file that is sent to a card: a head, then the firmware.
-#ifndef AP_MSG_UPDATE_IMAGE_H
-#define AP_MSG_UPDATE_IMAGE_H
+#ifndef AP_MSG_FIRMWARE_UPDATE_IMAGE_H
+#define AP_MSG_FIRMWARE_UPDATE_IMAGE_H
 
 enum class Image {
     kWhole,

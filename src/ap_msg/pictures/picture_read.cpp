@@ -1,9 +1,9 @@
 // A picture out of a card's memory into two files: the bytes as they came, and a BMP to look at.
 #include "ap_msg/ap_msg.h"
 
-#include "ap_msg/bmp_layout.h"
 #include "ap_msg/input_file.h"
-#include "ap_msg/picture_request.h"
+#include "ap_msg/pictures/bmp_layout.h"
+#include "ap_msg/pictures/picture_request.h"
 #include "ap_msg/shown.h"
 #include "base/clock.h"
 #include "board/board.h"

@@ -1,6 +1,6 @@
 // picture_file.h - picture files on their way into a card's memory.
-#ifndef AP_MSG_PICTURE_FILE_H
-#define AP_MSG_PICTURE_FILE_H
+#ifndef AP_MSG_PICTURES_PICTURE_FILE_H
+#define AP_MSG_PICTURES_PICTURE_FILE_H
 
 #include "base/owners.h"
 

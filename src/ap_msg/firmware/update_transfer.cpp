@@ -4,9 +4,9 @@
 // is of no use.
 #include "ap_msg/ap_msg.h"
 
+#include "ap_msg/firmware/update_image.h"
+#include "ap_msg/firmware/update_layout.h"
 #include "ap_msg/input_file.h"
-#include "ap_msg/update_image.h"
-#include "ap_msg/update_layout.h"
 #include "board/board.h"
 #include "eth_raw/frame_layout.h"
 #include "raw_msg/raw_msg.h"

@@ -1,6 +1,6 @@
-#include "ap_msg/picture_file.h"
+#include "ap_msg/pictures/picture_file.h"
 
-#include "ap_msg/bmp_layout.h"
+#include "ap_msg/pictures/bmp_layout.h"
 #include "log/write.h"
 
 PictureFormat picture_format(std::string_view name) {

@@ -1,4 +1,4 @@
-#include "ap_msg/shell_command.h"
+#include "ap_msg/firmware/shell_command.h"
 
 #include "board/board.h"
 #include "log/write.h"

@@ -1,6 +1,6 @@
 // bmp_layout.h - the header of a BMP file, written once. All fields are little-endian.
-#ifndef AP_MSG_BMP_LAYOUT_H
-#define AP_MSG_BMP_LAYOUT_H
+#ifndef AP_MSG_PICTURES_BMP_LAYOUT_H
+#define AP_MSG_PICTURES_BMP_LAYOUT_H
 
 #include "base/field.h"
 

@@ -1,8 +1,8 @@
 // Sizes of files, and the temporary file's making and removing by the shell.
 #include "ap_msg/ap_msg.h"
 
+#include "ap_msg/firmware/shell_command.h"
 #include "ap_msg/input_file.h"
-#include "ap_msg/shell_command.h"
 #include "ap_msg/shown.h"
 #include "log/write.h"
 

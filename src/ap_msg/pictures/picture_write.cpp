@@ -2,8 +2,8 @@
 #include "ap_msg/ap_msg.h"
 
 #include "ap_msg/input_file.h"
-#include "ap_msg/picture_file.h"
-#include "ap_msg/picture_request.h"
+#include "ap_msg/pictures/picture_file.h"
+#include "ap_msg/pictures/picture_request.h"
 #include "ap_msg/shown.h"
 #include "base/clock.h"
 #include "eth_raw/frame_layout.h"
