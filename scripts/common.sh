@@ -3,7 +3,8 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly root
-readonly build_packages=(g++ cmake make pkg-config libgtest-dev libpng-dev libfaketime)
+readonly build_packages=(g++ cmake make pkg-config libgtest-dev libpng-dev libfaketime
+                         libcli11-dev nlohmann-json3-dev)
 readonly run_packages=(iproute2 util-linux procps)
 # shellcheck disable=SC2034 # used by .ci/run
 readonly check_packages=(clang clang-format clang-tidy cppcheck libclang-rt-dev llvm python3

@@ -1,5 +1,7 @@
 #include "faults/counters.h"
 
+#include <nlohmann/json.hpp>
+
 namespace card {
 
 namespace {
@@ -88,10 +90,6 @@ constexpr CounterRow kRows[] = {
     {"kernel_drops", &Counters::kernel_drops, "frames the kernel dropped before the card saw them"},
 };
 
-std::string item(const char *name, uint64_t value) {
-    return std::string("\"") + name + "\":" + std::to_string(value);
-}
-
 } // namespace
 
 void count_faults(Counters &counters, FaultSet set) {
@@ -101,15 +99,14 @@ void count_faults(Counters &counters, FaultSet set) {
 }
 
 std::string counters_json(const Counters &counters) {
-    std::string out = "{";
+    nlohmann::ordered_json out;
     for (const CounterRow &row : kRows) {
-        out += item(row.name, counters.*row.value) + ",";
+        out[row.name] = counters.*row.value;
     }
-    out += "\"faults\":{";
     for (size_t i = 0; i < kFaultKinds; i++) {
-        out += (i == 0 ? "" : ",") + item(kFaultNames[i], counters.faults[i]);
+        out["faults"][kFaultNames[i]] = counters.faults[i];
     }
-    return out + "}}";
+    return out.dump();
 }
 
 std::string counters_help() {

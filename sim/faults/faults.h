@@ -73,10 +73,10 @@ struct LengthLie {
 /** A fault for the requests to a range of addresses. */
 struct AddressRule {
     Fault fault = Fault::kSilence;
-    AddressRange range;
+    AddressRange range{};
     uint8_t status = 0;     // kError
     bool with_data = false; // kError: read replies carry the data all the same
-    LengthLie lie;          // kLieLength
+    LengthLie lie{};        // kLieLength
     uint64_t hits = 0;      // how many times it was applied
 };
 

@@ -6,7 +6,6 @@
 
 #include "firmware/firmware_file.h"
 #include "pictures/picture_file.h"
-#include "run/help.h"
 #include "run/loop.h"
 #include "run/options.h"
 
@@ -24,6 +23,9 @@ int print(const std::string &text) {
 int run(std::span<const char *const> arguments) {
     card::Options options;
     std::string wrong = card::parse_options(arguments, options);
+    if (!options.text.empty()) {
+        return print(options.text);
+    }
     if (wrong.empty() && !options.picture_directory.empty()) {
         wrong = card::check_picture_directory(options.picture_directory);
     }
@@ -33,12 +35,6 @@ int run(std::span<const char *const> arguments) {
     if (!wrong.empty()) {
         (void)std::fprintf(stderr, "ruk-card: %s\nTry 'ruk-card --help'.\n", wrong.c_str());
         return kExitUsage;
-    }
-    if (options.action == card::Action::kHelp) {
-        return print(card::help_text());
-    }
-    if (options.action == card::Action::kVersion) {
-        return print(card::version_text());
     }
     const std::string failure = card::run_card(options);
     if (!failure.empty()) {

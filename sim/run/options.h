@@ -12,10 +12,8 @@
 
 namespace card {
 
-enum class Action : uint8_t { kRun, kHelp, kVersion };
-
 struct Options {
-    Action action = Action::kRun;
+    std::string text; // to print instead of running the card; empty: run it
     Identity identity;
     FaultConfig faults;
     std::vector<LoadOrder> loads;
@@ -37,9 +35,6 @@ constexpr size_t kMaxInterfaces = 16;
  * which argument is wrong and what was expected.
  */
 std::string parse_options(std::span<const char *const> arguments, Options &out);
-
-/** The options with their meanings, one paragraph each, for --help. */
-std::string options_help();
 
 } // namespace card
 

@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "run/help.h"
-
 namespace {
 
 using card::Fault;
@@ -73,22 +71,43 @@ TEST(Options, DelayAllRepliesUnlessAShareOrANumberIsGiven) {
 
 TEST(Options, CollectRulesInTheirOrder) {
     const Options options =
-        good({"--error", "05@7040x3", "--error-with-data", "ff@any", "--silence", "10-1f",
-              "--lie-length", "+5@20", "--lie-field", "2000@30x1", "c"});
+        good({"--lie-field", "2000@30x1", "--error-with-data", "ff@any", "--error", "05@7040x3",
+              "--silence", "10-1f", "--lie-length", "+5@20", "c"});
     const auto &rules = options.faults.rules;
     ASSERT_EQ(rules.size(), 5U);
-    EXPECT_EQ(rules[0].fault, Fault::kError);
-    EXPECT_EQ(rules[0].status, 5);
-    EXPECT_EQ(rules[0].range.times, 3U);
-    EXPECT_FALSE(rules[0].with_data);
+    EXPECT_TRUE(rules[0].lie.field_only);
+    EXPECT_EQ(rules[0].lie.amount, 2000U);
+    EXPECT_EQ(rules[0].range.times, 1U);
+    EXPECT_EQ(rules[1].fault, Fault::kError);
+    EXPECT_EQ(rules[1].status, 0xFF);
     EXPECT_TRUE(rules[1].with_data);
-    EXPECT_EQ(rules[2].fault, Fault::kSilence);
-    EXPECT_EQ(rules[2].range.last, 0x1FU);
-    EXPECT_EQ(rules[3].fault, Fault::kLieLength);
-    EXPECT_TRUE(rules[3].lie.relative);
-    EXPECT_EQ(rules[3].lie.amount, 5U);
-    EXPECT_TRUE(rules[4].lie.field_only);
-    EXPECT_EQ(rules[4].lie.amount, 2000U);
+    EXPECT_EQ(rules[2].fault, Fault::kError);
+    EXPECT_EQ(rules[2].status, 5);
+    EXPECT_EQ(rules[2].range.times, 3U);
+    EXPECT_FALSE(rules[2].with_data);
+    EXPECT_EQ(rules[3].fault, Fault::kSilence);
+    EXPECT_EQ(rules[3].range.last, 0x1FU);
+    EXPECT_EQ(rules[4].fault, Fault::kLieLength);
+    EXPECT_TRUE(rules[4].lie.relative);
+    EXPECT_EQ(rules[4].lie.amount, 5U);
+    EXPECT_FALSE(rules[4].lie.field_only);
+}
+
+TEST(Options, TakeTheLastOfSeveralValues) {
+    const Options options = good({"--slot", "1", "--counters", "a", "--drop", "5", "c", "--drop=7",
+                                  "--counters=b", "--slot=2", "--trace", "--trace"});
+    EXPECT_EQ(options.identity.slot, 2);
+    EXPECT_EQ(options.counters_path, "b");
+    EXPECT_EQ(rate(options, Fault::kDrop), 70000U);
+    EXPECT_TRUE(options.trace);
+}
+
+TEST(Options, TakeWhatLooksLikeAnOptionAsAValue) {
+    const Options options = good({"--counters", "--trace", "--memory-load", "-x", "c"});
+    EXPECT_EQ(options.counters_path, "--trace");
+    EXPECT_FALSE(options.trace);
+    ASSERT_EQ(options.loads.size(), 1U);
+    EXPECT_EQ(options.loads[0].path, "-x");
 }
 
 TEST(Options, TakeTheRest) {
@@ -139,13 +158,12 @@ TEST(Options, RefuseWrongPictures) {
           "0::1x1", "0:0:0x1", "0:0:1x0", "0:0:65536x1", "0:0:65535x65535", "0:ffffffff:1x1",
           "0:g:1x1", "0:0:1x1 ", "0:0:1x1:1"}) {
         EXPECT_TRUE(wrong({"--picture-dir", "d", "--ddr2-picture", text, "c"})
-                        .starts_with("options: '--ddr2-picture' '" + std::string(text) +
+                        .starts_with("--ddr2-picture: '" + std::string(text) +
                                      "': expected MEM:ADDR:WIDTHxHEIGHT"))
             << text;
     }
-    EXPECT_EQ(wrong({"--ddr2-picture", "0:0:1x1", "c"}),
-              "options: '--ddr2-picture': needs '--picture-dir'");
-    EXPECT_EQ(wrong({"--picture-dir=", "c"}), "options: '--picture-dir' '': expected a directory");
+    EXPECT_EQ(wrong({"--ddr2-picture", "0:0:1x1", "c"}), "--ddr2-picture requires --picture-dir");
+    EXPECT_EQ(wrong({"--picture-dir=", "c"}), "--picture-dir: '': expected a name");
 }
 
 TEST(Options, TakeFirmware) {
@@ -183,7 +201,7 @@ TEST(Options, RefuseWrongFirmware) {
     for (const char *text :
          {"", "w", "V", "v ", "v:", "v:0", "v:00", "v:100", "v:g", "v:1:2", ":1", "vv"}) {
         EXPECT_EQ(wrong({"--refuse-field", text, "c"}),
-                  "options: '--refuse-field' '" + std::string(text) +
+                  "--refuse-field: '" + std::string(text) +
                       "': expected NAME or NAME:STATUS with NAME total_files_size, "
                       "files_recv_len, total_files_count, current_file_size, v, device_type or "
                       "card_modelid and STATUS hexadecimal 1 to ff")
@@ -192,19 +210,18 @@ TEST(Options, RefuseWrongFirmware) {
     for (const char *text :
          {"", "0", "-1", "x", "1:", "1:0", "1:100", ":1", "1:1:1", "4294967296", "1 "}) {
         EXPECT_EQ(wrong({"--refuse-block", text, "c"}),
-                  "options: '--refuse-block' '" + std::string(text) +
+                  "--refuse-block: '" + std::string(text) +
                       "': expected N or N:STATUS with N from 1 and STATUS hexadecimal 1 to ff")
             << text;
     }
-    EXPECT_EQ(wrong({"--firmware-dir=", "c"}),
-              "options: '--firmware-dir' '': expected a directory");
-    EXPECT_EQ(wrong({"c", "--refuse-block"}),
-              "options: '--refuse-block': value N[:STATUS] is missing");
+    EXPECT_EQ(wrong({"--firmware-dir=", "c"}), "--firmware-dir: '': expected a name");
+    EXPECT_EQ(wrong({"c", "--refuse-block"}), "--refuse-block: 1 required N[:STATUS] missing");
 }
 
 TEST(Options, HelpAndVersionNeedNoInterface) {
-    EXPECT_EQ(good({"--help"}).action, card::Action::kHelp);
-    EXPECT_EQ(good({"--drop", "5", "--version"}).action, card::Action::kVersion);
+    EXPECT_EQ(good({"-h"}).text, good({"--help"}).text);
+    EXPECT_TRUE(good({"--drop", "5", "--version"}).text.starts_with("ruk-card "));
+    EXPECT_TRUE(good({"c"}).text.empty());
 }
 
 struct WrongCase {
@@ -214,49 +231,54 @@ struct WrongCase {
 
 TEST(Options, SayWhatIsWrong) {
     const WrongCase cases[] = {
-        {{}, "options: no interface given"},
-        {{"--drop", "5"}, "options: no interface given"},
-        {{"--no-such", "c"}, "options: '--no-such': no such option"},
-        {{"-x", "c"}, "options: '-x': no such option"},
-        {{"c", "--drop"}, "options: '--drop': value P is missing"},
-        {{"--trace=1", "c"}, "options: '--trace': takes no value"},
-        {{"--drop", "abc", "c"}, "options: '--drop' 'abc': expected a percentage from 0 to 100"},
-        {{"--model", "10000", "c"}, "options: '--model' '10000': expected hexadecimal 0 to ffff"},
-        {{"--slot=100", "c"}, "options: '--slot' '100': expected hexadecimal 0 to ff"},
-        {{"--seed", "x", "c"}, "options: '--seed' 'x': expected a number"},
+        {{}, "IFNAME is required"},
+        {{"--drop", "5"}, "IFNAME is required"},
+        {{"--no-such", "c"}, "The following argument was not expected: --no-such"},
+        {{"-x", "c"}, "The following argument was not expected: -x"},
+        {{"c", "--drop"}, "--drop: 1 required P missing"},
+        {{"--trace=1", "c"}, "trace was given a disallowed flag override"},
+        {{"--drop", "abc", "c"}, "--drop: 'abc': expected a percentage from 0 to 100"},
+        {{"--model", "10000", "c"}, "--model: '10000': expected hexadecimal 0 to ffff"},
+        {{"--slot=100", "c"}, "--slot: '100': expected hexadecimal 0 to ff"},
+        {{"--seed", "x", "c"}, "--seed: 'x': expected a number"},
         {{"--error", "0@any", "c"},
-         "options: '--error' '0@any': expected STATUS@RANGE with STATUS hexadecimal 1 to ff"},
+         "--error: '0@any': expected STATUS@RANGE with STATUS hexadecimal 1 to ff "
+         "and RANGE ADDR, ADDR-ADDR or any, perhaps followed by xN"},
         {{"--error", "5", "c"},
-         "options: '--error' '5': expected STATUS@RANGE with STATUS hexadecimal 1 to ff"},
+         "--error: '5': expected STATUS@RANGE with STATUS hexadecimal 1 to ff "
+         "and RANGE ADDR, ADDR-ADDR or any, perhaps followed by xN"},
         {{"--error", "5@9-8", "c"},
-         "options: '--error' '5@9-8': expected ADDR, ADDR-ADDR or any, perhaps followed by xN"},
+         "--error: '5@9-8': expected STATUS@RANGE with STATUS hexadecimal 1 to ff "
+         "and RANGE ADDR, ADDR-ADDR or any, perhaps followed by xN"},
         {{"--silence", "", "c"},
-         "options: '--silence' '': expected ADDR, ADDR-ADDR or any, perhaps followed by xN"},
+         "--silence: '': expected ADDR, ADDR-ADDR or any, perhaps followed by xN"},
         {{"--lie-length", "65536@any", "c"},
-         "options: '--lie-length' '65536@any': expected LEN@RANGE with LEN a length up to 65535 "
-         "or +N"},
+         "--lie-length: '65536@any': expected LEN@RANGE with LEN a length up to 65535 "
+         "or +N and RANGE ADDR, ADDR-ADDR or any, perhaps followed by xN"},
         {{"--memory-save", "f@10", "c"},
-         "options: '--memory-save' 'f@10': expected FILE or FILE@ADDR:LEN within 4 GiB"},
+         "--memory-save: 'f@10': expected FILE or FILE@ADDR:LEN within 4 GiB"},
         {{"--memory-save", "f@ffffffff:2", "c"},
-         "options: '--memory-save' 'f@ffffffff:2': expected FILE or FILE@ADDR:LEN within 4 GiB"},
-        {{"--memory-load", "f@", "c"}, "options: '--memory-load' 'f@': expected FILE or FILE@ADDR"},
-        {{"--memory-load", "", "c"}, "options: '--memory-load' '': expected a file name"},
-        {{"--counters=", "c"}, "options: '--counters' '': expected a file name"},
+         "--memory-save: 'f@ffffffff:2': expected FILE or FILE@ADDR:LEN within 4 GiB"},
+        {{"--memory-load", "f@", "c"}, "--memory-load: 'f@': expected FILE or FILE@ADDR"},
+        {{"--memory-load", "", "c"}, "--memory-load: '': expected FILE or FILE@ADDR"},
+        {{"--counters=", "c"}, "--counters: '': expected a name"},
+        {{"--memory-save", "@10:1", "c"},
+         "--memory-save: '@10:1': expected FILE or FILE@ADDR:LEN within 4 GiB"},
         {{"--delay-share", "5", "c"},
-         "options: '--delay-share' and '--nth delay': need '--delay' with a time above 0"},
-        {{"c", "c"}, "options: interface 'c': given twice"},
-        {{""}, "options: interface '': expected a name of 1 to 15 characters"},
-        {{"0123456789abcdef"},
-         "options: interface '0123456789abcdef': expected a name of 1 to 15 characters"},
+         "--delay-share or --nth delay requires --delay with a time above 0"},
+        {{"c", "c"}, "IFNAME: 'c': given twice"},
+        {{""}, "IFNAME: '': expected a name of 1 to 15 characters"},
+        {{"0123456789abcdef"}, "IFNAME: '0123456789abcdef': expected a name of 1 to 15 characters"},
     };
     for (const WrongCase &row : cases) {
+        SCOPED_TRACE(row.message);
         EXPECT_EQ(wrong(row.arguments), row.message);
     }
     for (const char *nth : {"drop", "drop:", "drop:0", "drop:1,", "error:1", ":1", "drop:1;2"}) {
-        EXPECT_TRUE(wrong({"--nth", nth, "c"}).starts_with("options: '--nth'")) << nth;
+        EXPECT_TRUE(wrong({"--nth", nth, "c"}).starts_with("--nth: '")) << nth;
     }
     for (const char *delay : {"", "x", "5:", ":5", "9:5", "1h"}) {
-        EXPECT_TRUE(wrong({"--delay", delay, "c"}).starts_with("options: '--delay'")) << delay;
+        EXPECT_TRUE(wrong({"--delay", delay, "c"}).starts_with("--delay: '")) << delay;
     }
 }
 
@@ -266,11 +288,11 @@ TEST(Options, TakeNoMoreThanSixteenInterfaces) {
     EXPECT_EQ(good(names).interfaces.size(), 16U);
     std::vector<const char *> more = names;
     more.push_back("17");
-    EXPECT_EQ(wrong(more), "options: interface '17': more than 16 interfaces");
+    EXPECT_EQ(wrong(more), "IFNAME: '17': more than 16 interfaces");
 }
 
 TEST(Help, NamesEveryOptionAndExitStatus) {
-    const std::string text = card::help_text();
+    const std::string text = good({"--help"}).text;
     for (const char *part :
          {"--drop-requests P", "--memory-save FILE[@ADDR:LEN]", "--nth", "--lie-field",
           "--picture-dir DIR", "port_complete", "--firmware-dir DIR",
@@ -278,7 +300,6 @@ TEST(Help, NamesEveryOptionAndExitStatus) {
           "firmware_transfer_blocks", "unanswered_requests", "Exit status:", "SIGUSR1"}) {
         EXPECT_NE(text.find(part), std::string::npos) << part;
     }
-    EXPECT_TRUE(card::version_text().starts_with("ruk-card "));
 }
 
 } // namespace
