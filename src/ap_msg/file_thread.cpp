@@ -16,11 +16,12 @@ namespace {
 constexpr int kFilePriority = 95;
 constexpr size_t kRequestCopy = 2048; // zeros behind what the hand-over area holds
 
-uint8_t
-    file_name_data[message::kFileRequestArea]; // request head and data of the latest file request
-uint8_t file_write_head[message::kFileRequestArea];     // the first 40 bytes of its message
-pthread_mutex_t file_mutex = PTHREAD_MUTEX_INITIALIZER; // both; held while a request is carried out
-sem_t sem_file_write;                                   // file requests handed over
+// Of the latest file request: its head and data, and the first 40 bytes of its message.
+uint8_t file_name_data[message::kFileRequestArea];
+uint8_t file_write_head[message::kFileRequestArea];
+// Guards both, and is held while a request is carried out.
+pthread_mutex_t file_mutex = PTHREAD_MUTEX_INITIALIZER;
+sem_t sem_file_write; // file requests handed over
 
 [[maybe_unused]] const bool g_renews_lock =
     renew_in_child([] { file_mutex = PTHREAD_MUTEX_INITIALIZER; });
@@ -46,8 +47,8 @@ void carry_out_next() {
     const uint8_t code = read_request(request).code;
     for (const FileService &service : kFileServices) {
         if (service.code == code) {
-            (void)service.run(head,
-                              request); // failures are logged; an update is answered by its row
+            // Failures are logged; an update is answered by its row.
+            (void)service.run(head, request);
         }
     }
 }

@@ -34,9 +34,11 @@ Work take_apart(std::span<const uint8_t> message) {
 }
 
 constexpr uint8_t kNearSlot = 1; // its card answers sooner than the others
+constexpr int32_t kNearReadTicks = 3;
+constexpr int32_t kReadTicks = 6;
 
 int32_t read_ticks(uint8_t slot) {
-    return slot == kNearSlot ? 3 : 6;
+    return slot == kNearSlot ? kNearReadTicks : kReadTicks;
 }
 
 // The reply is built before the read, which then lays its bytes over the request's data in it.

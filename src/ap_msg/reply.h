@@ -23,15 +23,15 @@ void write_reply_header(uint8_t *header, std::span<const uint8_t> request, uint3
                         uint32_t data_len);
 
 /**
- * Whether a requester may be answered. Not a request service, this one or another card's: it would
- * take the reply for a request and reply to that, without end (logged).
+ * Whether a requester may get a reply. A request service, this one or another card's, may not
+ * (logged): it would take the reply for a request and reply to it, and so on without end.
  */
 bool takes_replies(uint32_t requester);
 
 /**
- * Send a message to a requester, its 40-byte header and data_len bytes more. Returns what the
- * message library returns. One that is not delivered is lost, which is logged: a requester that
- * reads no replies must not hold up the others.
+ * Send a message to a requester: its 40-byte header and data_len bytes more. Returns what the
+ * message library returns. A message that cannot be delivered is lost (logged), because a requester
+ * that reads no replies must not hold up the others.
  */
 int deliver(uint32_t requester, uint8_t *head, uint32_t data_len);
 

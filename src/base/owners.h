@@ -17,8 +17,8 @@ using HeapBytes = std::unique_ptr<uint8_t, FreeMemory>;
 
 struct CloseFile {
     void operator()(FILE *file) const {
-        (void)fclose(
-            file); // for files that are read; whoever writes closes and looks at the result
+        // For files that are read; whoever writes closes the file himself and looks at the result.
+        (void)fclose(file);
     }
 };
 using File = std::unique_ptr<FILE, CloseFile>;

@@ -22,18 +22,32 @@ bool has_address(const uint8_t *frame, Field field, std::span<const uint8_t> add
     return std::equal(address.begin(), address.end(), frame + field.offset);
 }
 
-// The checksum is always the last two bytes as received, also behind padding. A reply that claims
-// more than arrived is summed as far as it goes and refused whatever the sum says.
+struct Checksums {
+    uint16_t received;
+    uint16_t computed;
+};
+
+// The checksum is always the last two bytes as received, also behind padding. It sums up to the
+// claimed end, or as far as the frame goes.
+Checksums checksums_of(std::span<const uint8_t> frame, size_t claimed) {
+    const size_t end = std::min(claimed, frame.size());
+    return {.received = static_cast<uint16_t>(
+                load_le(frame.data(), {frame.size() - kChecksumSize, kChecksumSize})),
+            .computed = checksum(frame.first(end).subspan(reply::kSummedFrom))};
+}
+
+void log_damaged(const Checksums &sums) {
+    LOG("recv packet crc error:0x%x, should be: 0x%x\n", sums.received, sums.computed);
+}
+
+// A reply that claims more than arrived is refused whatever the sum says.
 bool is_intact(std::span<const uint8_t> frame, size_t payload_len) {
     const size_t claimed = reply::kHeaderSize + payload_len;
-    const size_t end = std::min(claimed, frame.size());
-    const uint16_t computed = checksum(frame.first(end).subspan(reply::kSummedFrom));
-    const auto received =
-        static_cast<uint16_t>(load_le(frame.data(), {frame.size() - kChecksumSize, kChecksumSize}));
-    if (computed == received && claimed <= frame.size()) {
+    const Checksums sums = checksums_of(frame, claimed);
+    if (sums.computed == sums.received && claimed <= frame.size()) {
         return true;
     }
-    LOG("recv packet crc error:0x%x, should be: 0x%x\n", received, computed);
+    log_damaged(sums);
     return false;
 }
 
@@ -81,8 +95,7 @@ uint8_t *RawMsgHeaderUnpack(const uint8_t *frame, uint32_t frame_len, uint8_t *a
         return nullptr;
     }
     if (received.size() < reply::kHeaderSize + kChecksumSize) {
-        (void)is_intact(received,
-                        0xFFFF); // too short for a header: reported like any damaged frame
+        log_damaged(checksums_of(received, received.size())); // too short for a header
         return nullptr;
     }
     *model = static_cast<uint16_t>(load_le(frame, reply::kModel));

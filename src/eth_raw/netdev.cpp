@@ -122,9 +122,8 @@ int netdev_init(eth_init *records, uint32_t count) {
 // The send lock needs no set-up: it is ready from the start, and in a child of fork once more. Made
 // here it would be made under the hands of who sends while the link is opened again.
 int RawSockMsgInit(uint32_t index) {
-    eth_init nowhere{}; // what an index out of range is offered instead of a record
-    eth_init *record = link_record(static_cast<int>(index));
-    const int result = init_netdev(record != nullptr ? record : &nowhere, index);
+    // An index out of range has no record, and is refused before one is looked for.
+    const int result = init_netdev(link_record(static_cast<int>(index)), index);
     if (result < 0) {
         LOG("init_netdev(%d) failed(%d).\n", static_cast<int>(index), result);
         return -1;

@@ -64,10 +64,10 @@ struct Finished {
     Milliseconds duration;
 };
 
-/** Finished a program to its end. */
+/** Runs a program to its end. */
 Finished run(const Launch &launch);
 
-/** Finished the tool with these arguments; the prefix is a program that starts it. */
+/** Runs the tool with these arguments; the prefix is a program that starts it. */
 Finished ruk(const Words &arguments, const Words &prefix = {});
 Words ruk_command(const Words &arguments, const Words &prefix = {});
 

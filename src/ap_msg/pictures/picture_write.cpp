@@ -55,7 +55,9 @@ void send_pixels(const Card &card, const uint8_t *pixels, uint64_t size) {
     }
 }
 
-// addr is only logged: the picture always goes to the card's one port.
+// Not the published DDR2Write: that one writes to the memories behind an FPGA, this one to the
+// card's picture port. The log lines of both carry the name. addr is only logged: there is one
+// port.
 int DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t addr, uint16_t hor, uint16_t ver,
               const uint8_t *pixels) {
     LOG("DDR2Write begin: ver=%d hor=%d addr=0x%x\n", ver, hor, addr);
