@@ -1,6 +1,7 @@
 #include "fake_netdev.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -29,12 +30,20 @@ struct Kernel {
     std::map<std::string, int> failures;
     std::vector<std::string> calls;
     int next_socket = kFirstSocket;
+    bool zero_is_free = false;
 };
 
 // Never destroyed: descriptors are closed until the end of the process.
 Kernel &kernel() {
     static auto *const the_kernel = new Kernel;
     return *the_kernel;
+}
+
+// Without a lock: others' descriptors are closed in forked processes, too.
+std::atomic<bool> g_zero_is_played{false};
+
+bool is_played(int fd) {
+    return fd >= kFirstSocket || (fd == 0 && g_zero_is_played);
 }
 
 // Notes a call; its failure, with errno set, or 0.
@@ -90,7 +99,8 @@ int __wrap_socket(int domain, int type, int protocol) {
     if (begin_locked(k, "socket") != 0) {
         return -1;
     }
-    const int fd = k.next_socket++;
+    const int fd = k.zero_is_free ? 0 : k.next_socket++;
+    k.zero_is_free = false;
     k.sockets[fd] = {.is_raw = domain == AF_PACKET && type == (SOCK_RAW | SOCK_CLOEXEC) &&
                                protocol == htons(ETH_P_ALL),
                      .bound_to = 0,
@@ -103,10 +113,10 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     va_start(arguments, request);
     void *about = va_arg(arguments, void *);
     va_end(arguments);
-    Kernel &k = kernel();
-    if (fd < kFirstSocket) {
+    if (!is_played(fd)) {
         return __real_ioctl(fd, request, about);
     }
+    Kernel &k = kernel();
     const std::lock_guard guard(k.lock);
     return answer_locked(k, request, *static_cast<ifreq *>(about));
 }
@@ -128,7 +138,7 @@ int __wrap_bind(int fd, const sockaddr *address, socklen_t size) {
 }
 
 int __wrap_close(int fd) {
-    if (fd < kFirstSocket) {
+    if (!is_played(fd)) {
         return __real_close(fd);
     }
     Kernel &k = kernel();
@@ -151,8 +161,17 @@ void netdev_reset() {
     Kernel &k = kernel();
     const std::lock_guard guard(k.lock);
     k.sockets.clear();
+    g_zero_is_played = false;
+    k.zero_is_free = false;
     k.failures.clear();
     k.calls.clear();
+}
+
+void netdev_zero_is_free() {
+    Kernel &k = kernel();
+    const std::lock_guard guard(k.lock);
+    g_zero_is_played = true;
+    k.zero_is_free = true;
 }
 
 void netdev_fails(const std::string &call, int error) {

@@ -1,8 +1,8 @@
 // fake_netdev.h - the kernel's side of opening and closing a link, played by the test.
 //
 // Linked with --wrap=socket,ioctl,bind,close: sockets have numbers that are never open in a test
-// and never come back; each call that concerns them is noted. Others' descriptors are really
-// closed.
+// and never come back, unless it asks for the number 0; each call that concerns them is noted.
+// Others' descriptors are really closed.
 #ifndef TESTS_UNIT_FAKE_NETDEV_H
 #define TESTS_UNIT_FAKE_NETDEV_H
 
@@ -15,6 +15,9 @@ void netdev_reset();
 /** Let the next calls by this name ("socket", "SIOCGIFFLAGS", ...) fail with an errno; 0: succeed.
  */
 void netdev_fails(const std::string &call, int error);
+
+/** Let the next socket have the number 0, as in a process that has closed its standard input. */
+void netdev_zero_is_free();
 
 /**
  * The calls since the last look: "socket", "SIOCGIFFLAGS eth0", "SIOCSIFFLAGS eth0 1103" with the

@@ -171,8 +171,10 @@ TEST_F(Netdev, OpeningFillsTheRecord) {
 TEST_F(Netdev, OpeningRefusesIndicesOutOfRange) {
     for (const uint32_t index : {3U, 0xFFFFFFFFU}) {
         eth_init record{};
+        errno = 0;
         const std::string log =
             test::messages_of([&] { EXPECT_EQ(init_netdev(&record, index), -1); });
+        EXPECT_EQ(errno, ENODEV);
         EXPECT_EQ(log, index == 3 ? "init_netdev:#:index(3) MAX_ETH(3).\n"
                                   : "init_netdev:#:index(-1) MAX_ETH(3).\n");
         EXPECT_EQ(record.flag, 0);
@@ -256,9 +258,33 @@ TEST_F(Netdev, ALinkOfTheTableIsUpHoweverItWasOpened) {
     EXPECT_EQ(init_netdev(&g_eth_init[1], 1), 0);
     expect_up();
     EXPECT_EQ(netdev_init(g_eth_init, 3), 0);
-    expect_up(0);
-    expect_up(1);
-    expect_up(2);
+    for (int index = 0; index < MAX_ETH; index++) {
+        expect_up(index);
+        EXPECT_EQ(netdev_bound_to(g_eth_init[index].sock_fd), kFirstInterface + index);
+    }
+}
+
+// A host may have closed its standard input.
+TEST_F(Netdev, ASocketWithTheNumberZeroIsOneLikeAnyOther) {
+    eth_init record{};
+    netdev_zero_is_free();
+    (void)test::messages_of([&] { EXPECT_EQ(init_netdev(&record, 1), 0); });
+    EXPECT_EQ(netdev_bound_to(0), kFirstInterface + 1);
+    netdev_reset();
+    netdev_zero_is_free();
+    (void)test::messages_of([&] { EXPECT_EQ(netdev_init(&record, 1), 0); });
+    EXPECT_EQ(netdev_bound_to(0), kFirstInterface);
+    netdev_reset();
+    netdev_zero_is_free();
+    EXPECT_EQ(RawSockMsgInit(1), 0);
+    expect_up();
+    EXPECT_EQ(wire_descriptors().back(), 0);
+    wire_deliver(make_reply(0, 1, 2, 3, 0, 4, {5}));
+    RawMsgHeader header{};
+    uint8_t *payload = nullptr;
+    EXPECT_EQ(raw_sock_recv(1, gRecvBuffer, header, payload), Received::kReply);
+    EXPECT_EQ(RawSockMsgUnInit(1), -1);
+    EXPECT_EQ(netdev_sockets(), std::vector<int>{});
 }
 
 // Its descriptor may be somebody else's by then.
