@@ -14,9 +14,10 @@ namespace {
 constexpr mode_t kOutputMode = 0666; // less the process's umask
 
 // Without O_NONBLOCK the opening itself would wait for a pipe's other end; files do not care for
-// it. O_CLOEXEC keeps them out of the shells that the system starts.
+// it. O_CLOEXEC keeps them out of the shells that the system starts. Without O_NOCTTY a terminal
+// would become that of a service that has none, and who types there could end it.
 File open_checked(const char *name, int flags, const char *mode) {
-    const int fd = open(name, flags | O_NONBLOCK | O_CLOEXEC, kOutputMode);
+    const int fd = open(name, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, kOutputMode);
     if (fd < 0) {
         return nullptr;
     }

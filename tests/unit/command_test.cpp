@@ -3,6 +3,7 @@
 #include "eth_raw/eth_raw.h"
 #include "fake_card.h"
 #include "fake_heap.h"
+#include "forked.h"
 #include "log_lines.h"
 #include "main/command.h"
 #include "mem/mem.h"
@@ -12,6 +13,7 @@
 #include "temp_files.h"
 
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <pty.h>
@@ -235,6 +237,22 @@ TEST_F(Commands, AFileWhoseSizeNobodyKnowsIsNotSent) {
     char name[64] = {};
     ASSERT_EQ(openpty(&outside, &inside, name, nullptr, nullptr), 0);
     expect_refused(name, "|RawMsgBuffGet fail\n");
+    (void)close(outside);
+    (void)close(inside);
+}
+
+TEST_F(Commands, ATerminalThatIsNamedAsAFileDoesNotBecomeThatOfTheProcess) {
+    int outside = -1;
+    int inside = -1;
+    char name[64] = {};
+    ASSERT_EQ(openpty(&outside, &inside, name, nullptr, nullptr), 0);
+    const test::Ended ended = test::run_forked([&name] {
+        (void)setsid(); // as a service: whoever has a terminal gets no other
+        (void)run_words(run_write, {name});
+        (void)printf("%s\n",
+                     open("/dev/tty", O_RDWR | O_CLOEXEC) < 0 ? "no terminal" : "a terminal");
+    });
+    EXPECT_TRUE(ended.output.ends_with("|RawMsgBuffGet fail\nno terminal\n")) << ended.output;
     (void)close(outside);
     (void)close(inside);
 }
