@@ -26,6 +26,7 @@ class Scratch:
         self.root = Path(root)
         self.jobs = jobs
         self.path = Path(tempfile.mkdtemp(prefix="ruk-mutate-"))
+        self.path.chmod(0o755)  # some tests start programs as another user
         self.binary = self.path / "build" / PRESET
         self.header = self.path / "src" / "switch.h"
         self.environment = dict(os.environ)
