@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "failure.h"
+
 namespace card {
 
 Fd create_numbered(const std::string &directory, const NumberedName &name, uint32_t &number,
@@ -22,14 +24,14 @@ Fd create_numbered(const std::string &directory, const NumberedName &name, uint3
     return fd;
 }
 
-bool can_create_in(const std::string &directory) {
+std::string check_directory(const char *what, const std::string &directory) {
     std::string path = directory + "/.ruk-card-XXXXXX";
     const Fd fd(mkostemp(path.data(), O_CLOEXEC));
     if (!fd.valid()) {
-        return false;
+        return failure(what, "save in directory", directory);
     }
     (void)unlink(path.c_str()); // made a moment ago: what may be made may be removed
-    return true;
+    return "";
 }
 
 } // namespace card

@@ -26,8 +26,11 @@ struct NumberedName {
 Fd create_numbered(const std::string &directory, const NumberedName &name, uint32_t &number,
                    std::string &path);
 
-/** Try whether files can be made in the directory; leaves none, and errno when not. */
-bool can_create_in(const std::string &directory);
+/**
+ * Try whether files can be made in the directory; leaves none. Returns an empty text, or a message
+ * that begins with what the files are for.
+ */
+std::string check_directory(const char *what, const std::string &directory);
 
 } // namespace card
 

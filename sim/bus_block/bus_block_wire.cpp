@@ -18,7 +18,7 @@ size_t data_area(const Request &head) {
     return head.type == kTypeRead ? kMinArea : std::max<size_t>(head.len, kMinArea);
 }
 
-// As far as the data length says. Where that lies beyond the frame there is nothing to add.
+// What the checksum covers: all up to the end of the data, but nothing beyond the frame.
 Bytes summed(Bytes frame, uint32_t len) {
     const size_t end = std::min(kData + len, frame.size() - wire::kChecksumSize);
     return frame.subspan(kSumStart, end - kSumStart);
@@ -26,8 +26,8 @@ Bytes summed(Bytes frame, uint32_t len) {
 
 } // namespace
 
-// A raw message has the board's address at offset 6, which ends in 44: neither a reserved byte of 0
-// nor one of the types.
+// A raw message is none of these: where they have a reserved byte of 0, it has 0x44 of the
+// board's address.
 bool is_from_board(Bytes frame) {
     return frame.size() >= kShortest &&
            std::ranges::equal(frame.first(wire::kCardAddress.size()), wire::kCardAddress) &&

@@ -14,7 +14,7 @@ constexpr Field kType{11, 1};
 constexpr Field kAddr{16, 4};
 constexpr Field kDataLength{20, 4};
 constexpr size_t kData = 24;
-constexpr size_t kSumStart = 6; // no start value here
+constexpr size_t kSumStart = 6; // the sum goes from here on and begins with 0
 constexpr size_t kMinArea = 64; // shorter data are padded to this, and read requests carry this
 constexpr size_t kMaxData = 8000;
 constexpr size_t kMaxFrame = kData + kMaxData + wire::kChecksumSize;

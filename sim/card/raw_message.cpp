@@ -32,7 +32,7 @@ constexpr BadRow kBadRows[] = {
      &Counters::bad_checksum},
 };
 
-// The work on one request: what everybody needs, in one place.
+// One request, and all that is needed to carry it out.
 struct Job {
     Card &card;
     const Arrival &arrival;
@@ -116,7 +116,7 @@ void read_registers(const Job &job, MutableBytes out) {
     }
 }
 
-// Carry a request out of which nobody hears: a read takes its bytes from where they wait as well.
+// Carry out a request that gets no answer. A read takes its bytes out of the FIFO all the same.
 void carry_out_unheard(const Job &job) {
     std::array<uint8_t, wire::kMaxPayload> unheard;
     write_registers(job);
@@ -208,7 +208,7 @@ void mark_answered(const Job &job, const Reply &reply, bool carried_out) {
     }
 }
 
-// Rules for addresses come first: they may be used up, those of the firmware side never are.
+// Rules for addresses come first, because they can be used up; those of the firmware side cannot.
 std::optional<Refusal> find_refusal(const Job &job) {
     const AddressRule *rule = apply_rule(job.card.faults, Fault::kError, job.request.addr);
     if (rule != nullptr) {

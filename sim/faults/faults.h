@@ -45,7 +45,7 @@ constexpr size_t kRandomFaults = 7; // the first so many: those that have a rate
 /** Names for options, trace and counters, in the enum's order. */
 extern const std::array<const char *, kFaultKinds> kFaultNames;
 
-/** A set of faults, for what was done to one frame. */
+/** The faults that were committed on one frame. */
 struct FaultSet {
     uint32_t bits = 0;
 
@@ -57,7 +57,7 @@ struct FaultSet {
     }
 };
 
-/** Something that happens to every N-th opportunity given here, counted from 1. */
+/** A fault that is committed on exactly this chance, counted from 1. */
 struct NthOrder {
     Fault fault = Fault::kDrop;
     uint64_t number = 0;

@@ -1,10 +1,10 @@
 // recent.h - remembers recent requests, to recognise a request that is sent again.
 //
 // A fixed table of fingerprints; nothing here allocates after the start. A repeat counts as a
-// resend when the first one is at most a second old and was not answered in full, or was answered
-// only just now: the board may have lost the answer, or may have sent before it came. A tool that
-// is started again numbers from 0 again, so that a repeat of a request that was answered some time
-// ago is a new request.
+// resend when the request before it is at most a second old, and has no full answer yet or got it
+// only a moment ago: the board may have lost the answer, or sent again just before it came. A
+// repeat of a request that was answered longer ago is a new request, because a tool that is started
+// again counts from 0 again.
 #ifndef CARD_RECENT_H
 #define CARD_RECENT_H
 

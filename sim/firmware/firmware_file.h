@@ -11,9 +11,6 @@
 
 namespace card {
 
-/** Try whether files can be made in the directory. */
-std::string check_firmware_directory(const std::string &directory);
-
 /**
  * Save an image without its head under the next free name firmware-NNN.bin of the directory.
  * `number` is where the search starts, and is set behind the number taken; `path` is set to the

@@ -117,8 +117,8 @@ void take_block(FirmwareSide &side, const wire::Request &request, Counters &coun
     }
 }
 
-// The first field begins a transfer anew as soon as anything else came after it: a sender that is
-// started again soon after it gave up sends the very same request.
+// The first field counts as repeated only while nothing else came after it. Later it begins a new
+// transfer, because a sender that gives up and is started again sends the very same request.
 bool is_repeated(const FirmwareSide &side, const FirmwareRequest &what, uint64_t mark) {
     return mark == side.number && (what.field != FirmwareField::kTotalFilesSize || side.first_only);
 }

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "failure.h"
 #include "fd.h"
 #include "file.h"
 #include "new_file.h"
@@ -33,11 +34,7 @@ struct Image {
     Bytes pixels;           // rows without padding, three bytes a pixel
 };
 
-std::string failed(const char *action, const std::string &path, const char *reason) {
-    return std::string("picture: ") + action + " '" + path + "': " + reason;
-}
-
-// The simplified interface of libpng: it reports by its result, and jumps over nothing of ours.
+// With libpng's simplified interface, which returns when it fails; its other one jumps (longjmp).
 std::string write_png(FILE *file, const Image &image, const std::string &path) {
     png_image png = {};
     png.version = PNG_IMAGE_VERSION;
@@ -48,16 +45,16 @@ std::string write_png(FILE *file, const Image &image, const std::string &path) {
     const int done = png_image_write_to_stdio(&png, file, 0, image.pixels.data(),
                                               image.bottom_up ? -row : row, nullptr);
     if (done == 0) {
-        return failed("write", path, png.message);
+        return failure("picture", "write", path, png.message);
     }
-    return std::fflush(file) == 0 ? "" : failed("write", path, std::strerror(errno));
+    return std::fflush(file) == 0 ? "" : failure("picture", "write", path);
 }
 
 // Half a picture is worse than none.
 std::string save(Fd fd, const Image &image, const std::string &path) {
     const File file(fdopen(fd.get(), "w"));
     if (file == nullptr) {
-        return failed("write", path, std::strerror(errno));
+        return failure("picture", "write", path);
     }
     (void)fd.release(); // the file closes it
     std::string error = write_png(file.get(), image, path);
@@ -103,28 +100,23 @@ bool ddr2_picture_fits(const Ddr2PictureOrder &order) {
            uint64_t{kRgbBytes} * order.width * order.height <= kMaxPictureBytes;
 }
 
-std::string check_picture_directory(const std::string &directory) {
-    return can_create_in(directory) ? ""
-                                    : failed("save in directory", directory, std::strerror(errno));
-}
-
 std::string save_port_picture(PortPicture picture, const std::string &directory, uint32_t &number,
                               std::string &path) {
     const uint64_t size = port_expected_bytes(picture);
     path = directory;
     if (size == 0) {
-        return failed("save", path, "the picture has no pixels");
+        return failure("picture", "save", path, "the picture has no pixels");
     }
     if (size > kMaxPictureBytes) {
-        return failed("save", path, "the picture is larger than 64 MiB");
+        return failure("picture", "save", path, "the picture is larger than 64 MiB");
     }
     if (picture.received > 0 && picture.pixels.empty()) {
-        return failed("save", path, "too many pictures wait for the disk");
+        return failure("picture", "save", path, "too many pictures wait for the disk");
     }
     picture.pixels.resize(static_cast<size_t>(size), 0);
     Fd fd = create_numbered(directory, kPortName, number, path);
     if (!fd.valid()) {
-        return failed("create", path, std::strerror(errno));
+        return failure("picture", "create", path);
     }
     return save(std::move(fd),
                 {.width = picture.width,
@@ -142,7 +134,7 @@ std::string save_ddr2_picture(const Memory &memory, const Ddr2PictureOrder &orde
     path = directory + name.data();
     Fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
     if (!fd.valid()) {
-        return failed("create", path, std::strerror(errno));
+        return failure("picture", "create", path);
     }
     const std::vector<uint8_t> pixels = ddr2_pixels(memory, order);
     return save(std::move(fd),

@@ -24,9 +24,6 @@ struct Ddr2PictureOrder {
 /** Whether the region lies in the memory and is not too large to save. */
 bool ddr2_picture_fits(const Ddr2PictureOrder &order);
 
-/** Try whether files can be made in the directory. */
-std::string check_picture_directory(const std::string &directory);
-
 /**
  * Save a picture under the next free name picture-NNN.png of the directory; what is missing is
  * black. `number` is where the search starts, and is set behind the number taken; `path` is set to

@@ -10,8 +10,8 @@ namespace card {
 
 namespace {
 
-// Finished pictures that nobody took away yet: beyond so many bytes only their sizes are kept, and
-// beyond so many pictures nothing.
+// Limits for finished pictures that nobody took away yet. Beyond so many bytes only the sizes of
+// further pictures are kept, beyond so many pictures nothing of them.
 constexpr size_t kMaxWaitingBytes = 4 * kMaxPictureBytes;
 constexpr size_t kMaxWaiting = 4096;
 
@@ -43,7 +43,7 @@ void stop(PicturePort &port, Counters &counters) {
     port.picture = {};
 }
 
-// All the room a picture can need at once, so that no block waits for memory.
+// Makes all the room that the picture can need, so that no block waits for memory.
 void start(PicturePort &port) {
     port.running = true;
     port.picture = {.width = port.width, .height = port.height};
@@ -68,8 +68,8 @@ void switch_port(PicturePort &port, uint8_t value, Counters &counters) {
         counters.picture_bad_controls++;
         return;
     }
-    // A stop, or a start without one. A start that is sent again because its acknowledgement was
-    // lost comes before the first pixels, a repeated stop after the end: neither makes a picture.
+    // A stop ends the picture, and so does a start in the middle of one. A start before the first
+    // pixels is the same start sent again, because its acknowledgement was lost.
     if (port.running && (value == kOff || port.picture.received > 0)) {
         stop(port, counters);
     }

@@ -11,7 +11,7 @@ void report_status(const Ddr2Registers &at, uint8_t status, Memory &registers) {
 
 bool write_ddr2(Ddr2 &ddr2, const Ddr2Registers &at, uint32_t addr, Bytes data, Memory &registers,
                 Counters &counters) {
-    if (addr - at.data < kChunkWindow) { // wraps to a large number below the data register
+    if (addr - at.data < kChunkWindow) { // an address below the register wraps to a large number
         ddr2_fill(ddr2, addr - at.data, data);
     } else if (addr == at.move) {
         ddr2_move(ddr2, data, counters);

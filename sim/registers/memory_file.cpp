@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "failure.h"
 #include "fd.h"
 
 namespace card {
@@ -17,37 +18,19 @@ namespace {
 
 constexpr size_t kChunk = 65536;
 
-std::string failed(const char *action, const std::string &path, int error) {
-    return std::string("memory: ") + action + " '" + path + "': " + std::strerror(error);
-}
-
-// Read or write all of a buffer; 0, or the errno. A file that ends early gives EIO.
-int read_all(int fd, uint64_t offset, MutableBytes out) {
-    while (!out.empty()) {
-        const ssize_t got = pread(fd, out.data(), out.size(), static_cast<off_t>(offset));
-        if (got <= 0) {
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
-            return got < 0 ? errno : EIO;
+// Move all of a buffer with pread or pwrite; 0, or the errno. A file that ends early gives EIO.
+template <class Call, class Buffer>
+int move_all(Call call, int fd, uint64_t offset, Buffer buffer) {
+    while (!buffer.empty()) {
+        const ssize_t moved = call(fd, buffer.data(), buffer.size(), static_cast<off_t>(offset));
+        if (moved < 0 && errno == EINTR) {
+            continue;
         }
-        out = out.subspan(static_cast<size_t>(got));
-        offset += static_cast<uint64_t>(got);
-    }
-    return 0;
-}
-
-int write_all(int fd, uint64_t offset, Bytes data) {
-    while (!data.empty()) {
-        const ssize_t put = pwrite(fd, data.data(), data.size(), static_cast<off_t>(offset));
-        if (put <= 0) {
-            if (put < 0 && errno == EINTR) {
-                continue;
-            }
-            return put < 0 ? errno : EIO;
+        if (moved <= 0) {
+            return moved < 0 ? errno : EIO;
         }
-        data = data.subspan(static_cast<size_t>(put));
-        offset += static_cast<uint64_t>(put);
+        buffer = buffer.subspan(static_cast<size_t>(moved));
+        offset += static_cast<uint64_t>(moved);
     }
     return 0;
 }
@@ -57,7 +40,7 @@ int load_stretch(Memory &memory, int fd, uint32_t addr, uint64_t begin, uint64_t
     for (uint64_t at = begin; at < end; at += kChunk) {
         const size_t count = static_cast<size_t>(std::min<uint64_t>(kChunk, end - at));
         const MutableBytes part(chunk.data(), count);
-        const int error = read_all(fd, at, part);
+        const int error = move_all(pread, fd, at, part);
         if (error != 0) {
             return error;
         }
@@ -92,7 +75,7 @@ int save_range(const Memory &memory, int fd, uint32_t addr, uint64_t len) {
         const size_t count = static_cast<size_t>(std::min<uint64_t>(kChunk, len - at));
         const MutableBytes part(chunk.data(), count);
         memory_read(memory, static_cast<uint32_t>(addr + at), part);
-        const int error = write_all(fd, at, part);
+        const int error = move_all(pwrite, fd, at, part);
         if (error != 0) {
             return error;
         }
@@ -103,7 +86,7 @@ int save_range(const Memory &memory, int fd, uint32_t addr, uint64_t len) {
 int save_whole(const Memory &memory, int fd) {
     int error = 0;
     memory_for_each_page(memory, [&](uint32_t addr, const MemoryPage &page) {
-        error = write_all(fd, addr, page.bytes);
+        error = move_all(pwrite, fd, addr, Bytes(page.bytes));
         return error == 0;
     });
     return error;
@@ -115,27 +98,27 @@ std::string memory_load(Memory &memory, const LoadOrder &order) {
     const Fd file(open(order.path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat status = {};
     if (!file.valid() || fstat(file.get(), &status) != 0) {
-        return failed("open", order.path, errno);
+        return failure("memory", "open", order.path);
     }
     if (!S_ISREG(status.st_mode)) {
-        return "memory: load '" + order.path + "': not a regular file";
+        return failure("memory", "load", order.path, "not a regular file");
     }
     const auto size = static_cast<uint64_t>(status.st_size);
     if (size > kMemorySize - order.addr) {
-        return "memory: load '" + order.path + "': runs past the end of the 4 GiB memory";
+        return failure("memory", "load", order.path, "runs past the end of the 4 GiB memory");
     }
     const int error = load_data(memory, file.get(), order.addr, size);
-    return error == 0 ? "" : failed("load", order.path, error);
+    return error == 0 ? "" : failure("memory", "load", order.path, std::strerror(error));
 }
 
 std::string memory_save(const Memory &memory, const SaveOrder &order) {
     const Fd file(open(order.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (!file.valid()) {
-        return failed("create", order.path, errno);
+        return failure("memory", "create", order.path);
     }
     const int error = order.whole ? save_whole(memory, file.get())
                                   : save_range(memory, file.get(), order.addr, order.len);
-    return error == 0 ? "" : failed("save", order.path, error);
+    return error == 0 ? "" : failure("memory", "save", order.path, std::strerror(error));
 }
 
 } // namespace card

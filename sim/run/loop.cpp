@@ -163,7 +163,7 @@ void serve_failures(Session &session) {
 }
 
 void print_line(const std::string &line) {
-    (void)std::fputs((line + "\n").c_str(), stdout); // the counters tell the same
+    (void)std::fputs((line + "\n").c_str(), stdout); // when it is lost, the counters tell the same
     (void)std::fflush(stdout);
 }
 

@@ -4,8 +4,7 @@
 #include <exception>
 #include <string>
 
-#include "firmware/firmware_file.h"
-#include "pictures/picture_file.h"
+#include "new_file.h"
 #include "run/loop.h"
 #include "run/options.h"
 
@@ -27,10 +26,10 @@ int run(std::span<const char *const> arguments) {
         return print(options.text);
     }
     if (wrong.empty() && !options.picture_directory.empty()) {
-        wrong = card::check_picture_directory(options.picture_directory);
+        wrong = card::check_directory("picture", options.picture_directory);
     }
     if (wrong.empty() && !options.firmware_directory.empty()) {
-        wrong = card::check_firmware_directory(options.firmware_directory);
+        wrong = card::check_directory("firmware", options.firmware_directory);
     }
     if (!wrong.empty()) {
         (void)std::fprintf(stderr, "ruk-card: %s\nTry 'ruk-card --help'.\n", wrong.c_str());

@@ -83,6 +83,13 @@ bool take_addresses(std::string_view &text, AddressRange &out) {
     return true;
 }
 
+Halves cut_at(std::string_view text, size_t at) {
+    if (at == std::string_view::npos) {
+        return std::nullopt;
+    }
+    return std::pair(text.substr(0, at), text.substr(at + 1));
+}
+
 } // namespace
 
 std::optional<uint32_t> parse_hex(std::string_view text, uint32_t max) {
@@ -153,22 +160,12 @@ std::optional<AddressRange> parse_address_range(std::string_view text) {
     return text.empty() ? std::optional(range) : std::nullopt;
 }
 
-std::optional<std::pair<std::string_view, std::string_view>> split_last(std::string_view text,
-                                                                        char mark) {
-    const size_t at = text.rfind(mark);
-    if (at == std::string_view::npos) {
-        return std::nullopt;
-    }
-    return std::pair(text.substr(0, at), text.substr(at + 1));
+Halves split_last(std::string_view text, char mark) {
+    return cut_at(text, text.rfind(mark));
 }
 
-std::optional<std::pair<std::string_view, std::string_view>> split_first(std::string_view text,
-                                                                         char mark) {
-    const size_t at = text.find(mark);
-    if (at == std::string_view::npos) {
-        return std::nullopt;
-    }
-    return std::pair(text.substr(0, at), text.substr(at + 1));
+Halves split_first(std::string_view text, char mark) {
+    return cut_at(text, text.find(mark));
 }
 
 } // namespace card

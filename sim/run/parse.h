@@ -27,13 +27,13 @@ std::optional<uint64_t> parse_duration(std::string_view text);
 /** "ADDR", "ADDR-ADDR" or "any", each perhaps with "xN" behind it (N times). */
 std::optional<AddressRange> parse_address_range(std::string_view text);
 
+using Halves = std::optional<std::pair<std::string_view, std::string_view>>;
+
 /** Cut at the last `mark`; nothing when there is none. */
-std::optional<std::pair<std::string_view, std::string_view>> split_last(std::string_view text,
-                                                                        char mark);
+Halves split_last(std::string_view text, char mark);
 
 /** Cut at the first `mark`; nothing when there is none. */
-std::optional<std::pair<std::string_view, std::string_view>> split_first(std::string_view text,
-                                                                         char mark);
+Halves split_first(std::string_view text, char mark);
 
 } // namespace card
 

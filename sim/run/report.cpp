@@ -1,21 +1,15 @@
 #include "run/report.h"
 
-#include <cerrno>
-#include <cstring>
-
+#include "failure.h"
 #include "file.h"
 
 namespace card {
 
 namespace {
 
-std::string failed(const char *action, const std::string &object) {
-    return std::string("counters: ") + action + " '" + object + "': " + std::strerror(errno);
-}
-
 std::string write_text(FILE *file, const std::string &text, const std::string &name) {
     if (std::fputs(text.c_str(), file) < 0 || std::fflush(file) != 0) {
-        return failed("write", name);
+        return failure("counters", "write", name);
     }
     return "";
 }
@@ -25,11 +19,11 @@ std::string replace_file(const std::string &path, const std::string &text) {
     const std::string beside = path + ".tmp";
     const File file(std::fopen(beside.c_str(), "we"));
     if (file == nullptr) {
-        return failed("create", beside);
+        return failure("counters", "create", beside);
     }
     std::string error = write_text(file.get(), text, beside);
     if (error.empty() && std::rename(beside.c_str(), path.c_str()) != 0) {
-        error = failed("rename", beside);
+        error = failure("counters", "rename", beside);
     }
     return error;
 }

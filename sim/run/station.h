@@ -27,7 +27,7 @@ struct Station {
 
     std::vector<Link> links; // fixed before the threads start
 
-    std::mutex lock; // guards all that follows; leaf
+    std::mutex lock; // guards all that follows; nothing else is locked under it
     Card card;
     Outbox outbox;
     File trace_file;

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstring>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -11,6 +10,8 @@
 
 #include <bit>
 
+#include "failure.h"
+
 namespace card {
 
 namespace {
@@ -18,10 +19,6 @@ namespace {
 // Room for the longest burst that nobody acknowledges: a bus block of 64 MiB in frames of 8026
 // bytes, each of which takes about 17 KiB in the kernel. The kernel doubles what it is asked for.
 constexpr int kReceiveBuffer = 80 * 1024 * 1024;
-
-std::string failed(const char *action, const std::string &name, const char *hint = "") {
-    return std::string("link: ") + action + " '" + name + "': " + std::strerror(errno) + hint;
-}
 
 // The socket calls take a general address record; this is the one place that says ours is one.
 const sockaddr *general(const sockaddr_ll &address) {
@@ -47,7 +44,7 @@ bool bind_to(int fd, int index) {
     return bind(fd, general(address), sizeof address) == 0;
 }
 
-// Wishes: without them the card works, only less well, so that their failure does not matter.
+// Without these options the card works, only less well: it does not matter when they fail.
 void tune(int fd) {
     const int size = kReceiveBuffer;
     if (!set_option(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size)) {
@@ -62,19 +59,20 @@ void tune(int fd) {
 std::string link_open(const std::string &name, Link &out) {
     const unsigned index = if_nametoindex(name.c_str());
     if (index == 0) {
-        return failed("find interface", name);
+        return failure("link", "find interface", name);
     }
     // Protocol 0 receives nothing: no frame of another interface slips in before the bind.
     Fd fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
-        return failed("open raw socket for", name, errno == EPERM ? " (needs CAP_NET_RAW)" : "");
+        const char *hint = errno == EPERM ? " (needs CAP_NET_RAW)" : "";
+        return failure("link", "open raw socket for", name) + hint;
     }
     tune(fd.get());
     if (!join_promiscuous(fd.get(), static_cast<int>(index))) {
-        return failed("set promiscuous mode on", name);
+        return failure("link", "set promiscuous mode on", name);
     }
     if (!bind_to(fd.get(), static_cast<int>(index))) {
-        return failed("bind to", name);
+        return failure("link", "bind to", name);
     }
     out.name = name;
     out.socket = std::move(fd);

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "new_file.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -91,9 +93,9 @@ TEST_F(FirmwareFileTest, AFullDiskLeavesNoHalfFile) {
 }
 
 TEST_F(FirmwareFileTest, TriesTheDirectory) {
-    EXPECT_EQ(card::check_firmware_directory(directory_), "");
+    EXPECT_EQ(card::check_directory("firmware", directory_), "");
     EXPECT_TRUE(fs::is_empty(directory_)) << "and leaves nothing behind";
-    EXPECT_EQ(card::check_firmware_directory(in_directory("none")),
+    EXPECT_EQ(card::check_directory("firmware", in_directory("none")),
               "firmware: save in directory '" + in_directory("none") +
                   "': No such file or directory");
 }

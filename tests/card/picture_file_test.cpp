@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "new_file.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -195,17 +197,17 @@ TEST(Ddr2PictureOrder, HasToFit) {
 }
 
 TEST_F(PictureFileTest, TriesTheDirectory) {
-    EXPECT_EQ(card::check_picture_directory(directory_), "");
+    EXPECT_EQ(card::check_directory("picture", directory_), "");
     EXPECT_EQ(file_count(), 0U) << "and leaves nothing behind";
-    EXPECT_EQ(card::check_picture_directory(in_directory("none")),
+    EXPECT_EQ(card::check_directory("picture", in_directory("none")),
               "picture: save in directory '" + in_directory("none") +
                   "': No such file or directory");
     std::ofstream(in_directory("file")) << "x";
-    EXPECT_EQ(card::check_picture_directory(in_directory("file")),
+    EXPECT_EQ(card::check_directory("picture", in_directory("file")),
               "picture: save in directory '" + in_directory("file") + "': Not a directory");
     // No rights help there, so that this holds for root as well.
-    EXPECT_TRUE(
-        card::check_picture_directory("/proc").starts_with("picture: save in directory '/proc': "));
+    EXPECT_TRUE(card::check_directory("picture", "/proc")
+                    .starts_with("picture: save in directory '/proc': "));
 }
 
 } // namespace
