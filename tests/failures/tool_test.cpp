@@ -46,7 +46,7 @@ struct Outcome {
     }
 };
 
-// By what README tells a script to look for: a run that says so must have sent all that the good
+// By what docs/commands.md tells a script to look for: a run that says so must have sent all that the good
 // one did. (The card of these tests carries everything out.)
 bool writea_says_that_it_worked(const Outcome &run) {
     return contains(run.said.out, "write register end") &&
