@@ -115,14 +115,15 @@ class Tests:
     def groups(self, cases, near):
         """What runs together: one program's unit tests; a few seconds of one's system tests.
 
-        First those that do little else than what stands near the change, as long as the time lasts.
+        First those that come to most of what stands near the change, as long as the time lasts:
+        to a value that is made when a program starts come all that are linked with the file.
         """
         units, beds, result = {}, [], []
         for case in cases:
             if not case.is_system:
                 units.setdefault(case.program, []).append(case)
         spent = 0
-        for group in sorted(units.values(), key=lambda group: far_share(group, near)):
+        for group in sorted(units.values(), key=lambda group: distance(group, near)):
             spent += total(group)
             if result and spent > UNIT_SECONDS:
                 break
@@ -152,9 +153,10 @@ class Tests:
         return None
 
 
-def far_share(cases, near):
+def distance(cases, near):
+    """How far tests are from a change: the less of what stands near they see, the more of the rest."""
     seen = set().union(*(case.seen for case in cases))
-    return len(seen - near) / max(len(seen), 1)
+    return -len(seen & near), len(seen - near)
 
 
 def total(cases):
