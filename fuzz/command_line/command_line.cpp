@@ -5,9 +5,10 @@
 // shows the same bytes. What is printed and logged goes into memory and is read back.
 #include "eth_raw/eth_raw.h"
 #include "log/log.h"
-#include "main/command.h"
+#include "main/commands/command.h"
+#include "main/commands/source.h"
 #include "main/main.h"
-#include "main/source.h"
+#include "main/one_frame.h"
 #include "mem/mem_priv.h"
 #include "surroundings.h"
 

@@ -2,7 +2,7 @@
 #include "ap_msg/ap_msg.h"
 
 #include "ap_msg/handover.h"
-#include "ap_msg/request.h"
+#include "ap_msg/request_head.h"
 #include "base/locks.h"
 #include "log/write.h"
 #include "raw_msg/raw_msg_priv.h"

@@ -3,7 +3,7 @@
 #include "ap_msg/ap_msg.h"
 #include "ap_msg/handover.h"
 #include "ap_msg/reply.h"
-#include "ap_msg/request.h"
+#include "ap_msg/request_head.h"
 #include "ap_msg/shown.h"
 #include "eth_raw/frame_layout.h"
 #include "log/write.h"

@@ -3,7 +3,7 @@
 
 #include "eth_raw/eth_raw.h"
 #include "log/write.h"
-#include "main/command.h"
+#include "main/one_frame.h"
 #include "raw_msg/raw_msg.h"
 
 void read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint32_t len) {

@@ -4,7 +4,7 @@
 #include "ap_msg/firmware/shell_command.h"
 #include "ap_msg/input_file.h"
 #include "ap_msg/reply.h"
-#include "ap_msg/request.h"
+#include "ap_msg/request_head.h"
 #include "ap_msg/shown.h"
 #include "log/write.h"
 

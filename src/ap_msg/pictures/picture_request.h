@@ -2,7 +2,7 @@
 #ifndef AP_MSG_PICTURES_PICTURE_REQUEST_H
 #define AP_MSG_PICTURES_PICTURE_REQUEST_H
 
-#include "ap_msg/request.h"
+#include "ap_msg/request_head.h"
 
 struct PictureRequest {
     Request to; // the target

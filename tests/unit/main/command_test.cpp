@@ -4,7 +4,7 @@
 #include "helpers/forked.h"
 #include "helpers/log_lines.h"
 #include "helpers/temp_files.h"
-#include "main/command.h"
+#include "main/commands/command.h"
 #include "mem/mem.h"
 #include "mem/mem_priv.h"
 #include "raw_msg/raw_msg.h"

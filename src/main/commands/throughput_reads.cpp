@@ -1,10 +1,11 @@
-#include "main/read_tests.h"
+#include "main/commands/throughput_reads.h"
 
 #include "base/locks.h"
 #include "eth_raw/eth_raw.h"
 #include "log/write.h"
-#include "main/source.h"
-#include "main/throughput.h"
+#include "main/commands/source.h"
+#include "main/commands/throughput.h"
+#include "main/one_frame.h"
 #include "raw_msg/raw_msg.h"
 #include "timer/sleep.h"
 

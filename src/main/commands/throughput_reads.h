@@ -1,8 +1,8 @@
-// read_tests.h - the throughput tests that take the place of a read.
-#ifndef MAIN_READ_TESTS_H
-#define MAIN_READ_TESTS_H
+// throughput_reads.h - the throughput tests that take the place of a read.
+#ifndef MAIN_COMMANDS_THROUGHPUT_READS_H
+#define MAIN_COMMANDS_THROUGHPUT_READS_H
 
-#include "main/command.h"
+#include "main/commands/command.h"
 
 #include <optional>
 

@@ -2,8 +2,8 @@
 //
 // A test sends as fast as it can for a fixed time. Its loop sends and reads the clock, nothing
 // else: whatever it did besides would be measured along.
-#ifndef MAIN_THROUGHPUT_H
-#define MAIN_THROUGHPUT_H
+#ifndef MAIN_COMMANDS_THROUGHPUT_H
+#define MAIN_COMMANDS_THROUGHPUT_H
 
 #include <chrono>
 #include <cstdint>

@@ -1,9 +1,9 @@
 // source.h - the bytes that a write command sends: from the command line or from a file.
-#ifndef MAIN_SOURCE_H
-#define MAIN_SOURCE_H
+#ifndef MAIN_COMMANDS_SOURCE_H
+#define MAIN_COMMANDS_SOURCE_H
 
 #include "base/owners.h"
-#include "main/command.h"
+#include "main/commands/command.h"
 
 /** Gives a frame buffer back to the pool. */
 struct FreeFrameBuffer {

@@ -1,9 +1,8 @@
 // command.h - one command of the tool: what the command line says and how it ends.
-#ifndef MAIN_COMMAND_H
-#define MAIN_COMMAND_H
+#ifndef MAIN_COMMANDS_COMMAND_H
+#define MAIN_COMMANDS_COMMAND_H
 
-#include "eth_raw/frame_layout.h"
-
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -41,13 +40,5 @@ Outcome run_update(const CommandLine &line);
 uint32_t parse_hex(const char *word);
 uint32_t parse_decimal(const char *word);
 int parse_index(const char *word);
-
-constexpr int32_t kWaitTicks = 6;                // 180 ms, three times
-constexpr uint32_t kCommandBuffer = kMaxPayload; // bytes: the most that one frame carries
-
-/** How many bytes a waiting read has brought: of a reply that is too long, none were copied. */
-constexpr uint32_t bytes_brought(uint32_t received) {
-    return received <= kCommandBuffer ? received : 0;
-}
 
 #endif

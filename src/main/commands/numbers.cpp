@@ -1,4 +1,4 @@
-#include "main/command.h"
+#include "main/commands/command.h"
 
 #include <algorithm>
 #include <climits>

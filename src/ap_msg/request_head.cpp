@@ -1,4 +1,4 @@
-#include "ap_msg/request.h"
+#include "ap_msg/request_head.h"
 
 #include "ap_msg/ap_msg.h"
 #include "ap_msg/shown.h"

@@ -1,6 +1,6 @@
-// request.h - one request to the service, taken apart.
-#ifndef AP_MSG_REQUEST_H
-#define AP_MSG_REQUEST_H
+// request_head.h - one request to the service, taken apart.
+#ifndef AP_MSG_REQUEST_HEAD_H
+#define AP_MSG_REQUEST_HEAD_H
 
 #include "ap_msg/message_layout.h"
 

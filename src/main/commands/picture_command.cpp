@@ -1,4 +1,4 @@
-#include "main/command.h"
+#include "main/commands/command.h"
 
 #include "ap_msg/ap_msg.h"
 

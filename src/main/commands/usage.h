@@ -1,6 +1,6 @@
 // usage.h - the help that the tool prints when it cannot tell what is wanted.
-#ifndef MAIN_USAGE_H
-#define MAIN_USAGE_H
+#ifndef MAIN_COMMANDS_USAGE_H
+#define MAIN_COMMANDS_USAGE_H
 
 /** Print the nine usage lines on standard output. */
 void usage();

@@ -1,10 +1,11 @@
-#include "main/command.h"
+#include "main/commands/command.h"
 
 #include "base/locks.h"
 #include "eth_raw/eth_raw.h"
 #include "log/write.h"
+#include "main/commands/throughput_reads.h"
 #include "main/main.h"
-#include "main/read_tests.h"
+#include "main/one_frame.h"
 #include "raw_msg/raw_msg_priv.h"
 
 namespace {

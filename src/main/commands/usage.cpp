@@ -1,4 +1,4 @@
-#include "main/usage.h"
+#include "main/commands/usage.h"
 
 #include <cstdio>
 

@@ -1,10 +1,11 @@
-#include "main/source.h"
+#include "main/commands/source.h"
 
 #include "ap_msg/input_file.h"
 #include "base/errno_keeper.h"
 #include "eth_raw/eth_raw.h"
 #include "log/write.h"
-#include "main/usage.h"
+#include "main/commands/usage.h"
+#include "main/one_frame.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
-// write_tests.h - the throughput tests that take the place of a write.
-#ifndef MAIN_WRITE_TESTS_H
-#define MAIN_WRITE_TESTS_H
+// throughput_writes.h - the throughput tests that take the place of a write.
+#ifndef MAIN_COMMANDS_THROUGHPUT_WRITES_H
+#define MAIN_COMMANDS_THROUGHPUT_WRITES_H
 
-#include "main/command.h"
+#include "main/commands/command.h"
 
 #include <optional>
 

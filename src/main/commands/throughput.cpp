@@ -1,4 +1,4 @@
-#include "main/throughput.h"
+#include "main/commands/throughput.h"
 
 #include "log/write.h"
 

@@ -1,10 +1,11 @@
-#include "main/command.h"
+#include "main/commands/command.h"
 
 #include "base/locks.h"
 #include "log/write.h"
-#include "main/source.h"
-#include "main/usage.h"
-#include "main/write_tests.h"
+#include "main/commands/source.h"
+#include "main/commands/throughput_writes.h"
+#include "main/commands/usage.h"
+#include "main/one_frame.h"
 #include "raw_msg/raw_msg.h"
 
 #include <cstring>
