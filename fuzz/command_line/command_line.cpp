@@ -9,7 +9,7 @@
 #include "main/commands/source.h"
 #include "main/main.h"
 #include "main/one_frame.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "surroundings.h"
 
 #include <algorithm>

@@ -8,8 +8,8 @@
 // Whatever happened, in the end every request has ended and was reported exactly once, no data went
 // anywhere but into the read that they answered, and the pool has everything back.
 #include "eth_raw/eth_raw.h"
-#include "mem/mem_priv.h"
-#include "queue/queue_priv.h"
+#include "mem/pool_counts.h"
+#include "queue/record_holders.h"
 #include "raw_msg/raw_msg.h"
 #include "surroundings.h"
 #include "timer/timer.h"

@@ -7,7 +7,7 @@
 #include "ap_msg/ap_msg.h"
 #include "log/log.h"
 #include "mem/mem.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "raw_msg/raw_msg.h"
 #include "surroundings.h"
 

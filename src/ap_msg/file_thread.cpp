@@ -5,7 +5,7 @@
 #include "ap_msg/request_head.h"
 #include "base/locks.h"
 #include "log/write.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/threads.h"
 
 #include <algorithm>
 #include <cstring>

@@ -7,7 +7,7 @@
 #include "base/stdout_guard.h"
 #include "board/board.h"
 #include "log/write.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/threads.h"
 
 #include <cstdio>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #include "eth_raw/eth_raw.h"
 
-#include "eth_raw/eth_raw_priv.h"
 #include "eth_raw/frame_layout.h"
+#include "eth_raw/received_frame.h"
 #include "log/write.h"
 
 #include <algorithm>

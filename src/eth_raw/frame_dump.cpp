@@ -4,7 +4,7 @@
 #include "base/hex_dump.h"
 #include "base/relaxed.h"
 #include "base/stdout_guard.h"
-#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/received_frame.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -3,7 +3,7 @@
 
 #include "base/locks.h"
 #include "base/relaxed.h"
-#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/link_state.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,7 +1,7 @@
 #include "eth_raw/eth_raw.h"
 
 #include "base/errno_keeper.h"
-#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/link_state.h"
 #include "log/write.h"
 
 #include <arpa/inet.h>

@@ -1,9 +1,10 @@
 #include "eth_raw/eth_raw.h"
 
 #include "base/locks.h"
-#include "eth_raw/eth_raw_priv.h"
 #include "eth_raw/frame_layout.h"
 #include "eth_raw/link_counts.h"
+#include "eth_raw/link_state.h"
+#include "eth_raw/received_frame.h"
 #include "log/write.h"
 #include "timer/sleep.h"
 

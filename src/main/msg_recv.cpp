@@ -1,6 +1,6 @@
 #include "main/main.h"
 
-#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/received_frame.h"
 #include "timer/sleep.h"
 
 void (*read_buffer)(const uint8_t *data, uint32_t addr, uint32_t length) = nullptr;

@@ -2,7 +2,7 @@
 
 #include "base/locks.h"
 #include "log/write.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 
 #include <algorithm>
 #include <array>

@@ -2,8 +2,8 @@
 // timerUpdate stands here, above both.
 #include "timer/timer.h"
 
-#include "queue/queue_priv.h"
-#include "timer/timer_priv.h"
+#include "queue/record_holders.h"
+#include "timer/ticks.h"
 
 #include <algorithm>
 #include <atomic>

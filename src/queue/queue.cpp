@@ -4,9 +4,9 @@
 #include "base/relaxed.h"
 #include "log/write.h"
 #include "mem/mem.h"
-#include "queue/queue_priv.h"
+#include "queue/record_holders.h"
 #include "timer/sleep.h"
-#include "timer/timer_priv.h"
+#include "timer/ticks.h"
 
 #include <atomic>
 

@@ -2,8 +2,9 @@
 
 #include "base/locks.h"
 #include "log/write.h"
-#include "queue/queue_priv.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "queue/record_holders.h"
+#include "raw_msg/request_rules.h"
+#include "raw_msg/threads.h"
 #include "raw_msg/watch.h"
 #include "timer/sleep.h"
 

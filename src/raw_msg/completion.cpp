@@ -5,8 +5,8 @@
 #include "eth_raw/frame_layout.h"
 #include "eth_raw/link_counts.h"
 #include "log/write.h"
-#include "queue/queue_priv.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "queue/record_holders.h"
+#include "raw_msg/request_rules.h"
 
 #include <atomic>
 #include <cstring>

@@ -1,8 +1,8 @@
 #include "raw_msg/counters.h"
 
 #include "eth_raw/link_counts.h"
-#include "mem/mem_priv.h"
-#include "queue/queue_priv.h"
+#include "mem/pool_counts.h"
+#include "queue/record_holders.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,9 +1,10 @@
 #include "raw_msg/raw_msg.h"
 
 #include "base/locks.h"
-#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/link_state.h"
 #include "log/write.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/request_rules.h"
+#include "raw_msg/threads.h"
 #include "raw_msg/watch.h"
 #include "timer/sleep.h"
 

@@ -1,12 +1,13 @@
 #include "raw_msg/raw_msg.h"
 
 #include "base/locks.h"
-#include "eth_raw/eth_raw_priv.h"
 #include "eth_raw/frame_layout.h"
 #include "eth_raw/link_counts.h"
+#include "eth_raw/received_frame.h"
 #include "log/write.h"
-#include "queue/queue_priv.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "queue/record_holders.h"
+#include "raw_msg/request_rules.h"
+#include "raw_msg/threads.h"
 #include "timer/sleep.h"
 
 #include <span>

@@ -5,7 +5,7 @@
 #include "eth_raw/link_counts.h"
 #include "log/write.h"
 #include "mem/mem.h"
-#include "queue/queue_priv.h"
+#include "queue/record_holders.h"
 #include "timer/sleep.h"
 
 #include <algorithm>

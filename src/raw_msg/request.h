@@ -3,7 +3,7 @@
 #define RAW_MSG_REQUEST_H
 
 #include "base/locks.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/raw_msg.h"
 
 #include <optional>
 

@@ -1,7 +1,7 @@
 #include "raw_msg/watch.h"
 
 #include "base/locks.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/request_rules.h"
 
 #include <atomic>
 

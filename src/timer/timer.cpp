@@ -1,7 +1,7 @@
 #include "timer/timer.h"
 
 #include "base/relaxed.h"
-#include "timer/timer_priv.h"
+#include "timer/ticks.h"
 #include "timer/unblock.h"
 
 #include <atomic>

@@ -2,7 +2,7 @@
 #include "bed.h"
 #include "host.h"
 
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "raw_msg/counters.h"
 #include "raw_msg/raw_msg.h"
 

@@ -6,7 +6,7 @@
 #include "main/commands/throughput_reads.h"
 #include "main/main.h"
 #include "main/one_frame.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/request_rules.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The queues as they are, in one piece with the probe that sees their variables. The capacity alone
 // is another: with 65536 records no search would ever see a full queue.
 #define kQueueCapacity kCapacityOfTheProduct
-#include "queue/queue_priv.h"
+#include "queue/record_holders.h"
 #undef kQueueCapacity
 
 namespace {

@@ -12,7 +12,7 @@
 
 #include "eth_raw/eth_raw.h"
 #include "mem/mem.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "queue/queue.h"
 #include "raw_msg/raw_msg.h"
 #include "timer/timer.h"

@@ -2,7 +2,7 @@
 #include "board/board.h"
 #include "helpers/output.h"
 #include "mem/mem.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "raw_msg/raw_msg.h"
 
 #include <algorithm>

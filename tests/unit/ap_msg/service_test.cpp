@@ -4,7 +4,7 @@
 #include "helpers/service_message.h"
 #include "helpers/temp_files.h"
 #include "mem/mem.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "stand_ins/fake_board.h"
 #include "stand_ins/fake_card.h"
 #include "stand_ins/fake_heap.h"

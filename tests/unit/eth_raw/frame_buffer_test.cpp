@@ -1,7 +1,7 @@
 #include "eth_raw/eth_raw.h"
 #include "log/log.h"
 #include "mem/mem.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "stand_ins/fake_heap.h"
 
 #include <algorithm>

@@ -2,7 +2,8 @@
 // kernel that the test plays.
 #include "eth_raw/eth_raw.h"
 
-#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/link_state.h"
+#include "eth_raw/received_frame.h"
 #include "helpers/forked.h"
 #include "helpers/log_lines.h"
 #include "stand_ins/fake_netdev.h"

@@ -2,7 +2,7 @@
 #ifndef TESTS_UNIT_HELPERS_REQUEST_ENDS_H
 #define TESTS_UNIT_HELPERS_REQUEST_ENDS_H
 
-#include "queue/queue_priv.h"
+#include "queue/record_holders.h"
 #include "raw_msg/raw_msg.h"
 
 namespace test {

@@ -4,7 +4,7 @@
 #include "eth_raw/eth_raw.h"
 #include "helpers/log_lines.h"
 #include "mem/mem.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "stand_ins/fake_card.h"
 #include "stand_ins/fake_heap.h"
 

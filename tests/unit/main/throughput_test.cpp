@@ -5,7 +5,7 @@
 #include "main/commands/command.h"
 #include "main/commands/throughput.h"
 #include "mem/mem.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "raw_msg/raw_msg.h"
 #include "stand_ins/fake_card.h"
 #include "stand_ins/fake_heap.h"

@@ -6,7 +6,7 @@
 
 #include "helpers/output.h"
 #include "log/log.h"
-#include "mem/mem_priv.h"
+#include "mem/pool_counts.h"
 #include "stand_ins/lock_count.h"
 
 #include <gtest/gtest.h>

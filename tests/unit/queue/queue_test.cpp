@@ -6,10 +6,10 @@
 #include "helpers/output.h"
 #include "log/log.h"
 #include "mem/mem.h"
-#include "mem/mem_priv.h"
-#include "queue/queue_priv.h"
+#include "mem/pool_counts.h"
+#include "queue/record_holders.h"
 #include "stand_ins/lock_count.h"
-#include "timer/timer_priv.h"
+#include "timer/ticks.h"
 
 #include <gtest/gtest.h>
 

@@ -4,9 +4,9 @@
 #include "helpers/output.h"
 #include "helpers/request_ends.h"
 #include "log/log.h"
-#include "mem/mem_priv.h"
-#include "queue/queue_priv.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "mem/pool_counts.h"
+#include "queue/record_holders.h"
+#include "raw_msg/request_rules.h"
 #include "stand_ins/fake_wire.h"
 
 #include <cstring>

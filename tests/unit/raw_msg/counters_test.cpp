@@ -5,9 +5,9 @@
 #include "helpers/output.h"
 #include "log/log.h"
 #include "mem/mem.h"
-#include "queue/queue_priv.h"
+#include "queue/record_holders.h"
 #include "raw_msg/counters.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/request_rules.h"
 #include "stand_ins/fake_wire.h"
 
 #include <cerrno>

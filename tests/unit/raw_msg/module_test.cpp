@@ -1,9 +1,9 @@
 // module_test.cpp - how the transaction layer comes up on an interface: its threads, and what the
 // link does without them.
-#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/link_state.h"
 #include "helpers/log_lines.h"
 #include "queue/queue.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/raw_msg.h"
 #include "raw_msg/watch.h"
 #include "stand_ins/fake_netdev.h"
 #include "stand_ins/fake_wire.h"

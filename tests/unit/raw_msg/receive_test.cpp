@@ -3,8 +3,8 @@
 #include "helpers/output.h"
 #include "log/log.h"
 #include "main/main.h"
-#include "mem/mem_priv.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "mem/pool_counts.h"
+#include "raw_msg/raw_msg.h"
 #include "stand_ins/fake_wire.h"
 
 #include <cerrno>

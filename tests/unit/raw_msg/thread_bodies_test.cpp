@@ -7,9 +7,9 @@
 #include "helpers/log_lines.h"
 #include "main/main.h"
 #include "mem/mem.h"
-#include "queue/queue_priv.h"
+#include "queue/record_holders.h"
 #include "raw_msg/raw_msg.h"
-#include "raw_msg/raw_msg_priv.h"
+#include "raw_msg/threads.h"
 #include "stand_ins/fake_wire.h"
 #include "stand_ins/lock_count.h"
 

@@ -1,6 +1,6 @@
 #include "stand_ins/fake_wire.h"
 
-#include "eth_raw/eth_raw_priv.h"
+#include "eth_raw/link_state.h"
 
 #include <algorithm>
 #include <cerrno>

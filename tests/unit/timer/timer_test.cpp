@@ -2,9 +2,9 @@
 #include "timer/timer.h"
 
 #include "base/relaxed.h"
-#include "queue/queue_priv.h"
+#include "queue/record_holders.h"
 #include "timer/last_alarm.h"
-#include "timer/timer_priv.h"
+#include "timer/ticks.h"
 
 #include <gtest/gtest.h>
 #include <sys/time.h>

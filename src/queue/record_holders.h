@@ -1,4 +1,4 @@
-// queue_priv.h - who keeps a record alive, for the send operations and their completions.
+// record_holders.h - who keeps a record alive, for the send operations and their completions.
 //
 // A record has up to three users at once: its sender, a completion that runs on the receive or
 // check thread, and whoever empties a full queue. The first two hold it; taking it out of its queue
@@ -6,8 +6,8 @@
 // Emptying passes over a record that a completion is working on, for that request is ending anyway,
 // and over one whose sender is still waiting for room: it would link what has been released.
 // So nobody ever touches a record that another has released, and nobody is woken twice.
-#ifndef QUEUE_QUEUE_PRIV_H
-#define QUEUE_QUEUE_PRIV_H
+#ifndef QUEUE_RECORD_HOLDERS_H
+#define QUEUE_RECORD_HOLDERS_H
 
 #include "queue/queue.h"
 

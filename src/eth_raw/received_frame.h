@@ -1,6 +1,6 @@
-// eth_raw_priv.h - what the receive thread needs beyond the published link.
-#ifndef ETH_RAW_ETH_RAW_PRIV_H
-#define ETH_RAW_ETH_RAW_PRIV_H
+// received_frame.h - one frame from the link, for the receive thread.
+#ifndef ETH_RAW_RECEIVED_FRAME_H
+#define ETH_RAW_RECEIVED_FRAME_H
 
 #include "eth_raw/eth_raw.h"
 
@@ -43,33 +43,5 @@ void dump_frame(const char *word, const uint8_t *frame, int n);
 
 /** A frame with a reply's addresses and markers, whether intact or not. */
 bool is_from_card(std::span<const uint8_t> frame);
-
-// --- the state of the links, apart from what their published records tell; any thread
-// -------------
-
-/** The record of an index, or null: out of range. */
-eth_init *link_record(int index);
-
-/**
- * Fill a record with its open socket. A link of the table lets frames through from now on, if the
- * socket is bound; otherwise it only keeps the socket, which belongs to no interface yet.
- */
-void link_fill(eth_init &record, uint32_t index, int sock_fd, const sockaddr_ll &address,
-               bool is_bound);
-
-/** Let no frame through until the link is filled again: it did not come up. index must be 0..2. */
-void link_bar_sending(int index);
-
-/**
- * Close the link's socket, once, and neither send nor receive on it until the link is filled again.
- * index must be 0..2.  Blocks: while a frame is being sent.
- */
-void link_close(int index);
-
-/** Whether sends go out. index must be 0..2; the answer lasts for who holds the send lock. */
-bool link_is_up(int index);
-
-/** The socket to receive from, or -1: never opened, closed, or index out of range. */
-int link_receiving_socket(int index);
 
 #endif

@@ -1,6 +1,6 @@
-// mem_priv.h - how many blocks there are, for tests and counters.
-#ifndef MEM_MEM_PRIV_H
-#define MEM_MEM_PRIV_H
+// pool_counts.h - how many blocks there are, for tests and counters.
+#ifndef MEM_POOL_COUNTS_H
+#define MEM_POOL_COUNTS_H
 
 #include <cstdint>
 

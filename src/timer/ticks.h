@@ -1,6 +1,6 @@
-// timer_priv.h - the steps of timerUpdate that do not need to know the queues.
-#ifndef TIMER_TIMER_PRIV_H
-#define TIMER_TIMER_PRIV_H
+// ticks.h - the steps of timerUpdate that do not need to know the queues.
+#ifndef TIMER_TICKS_H
+#define TIMER_TICKS_H
 
 #include "timer/timer.h"
 
