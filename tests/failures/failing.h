@@ -4,7 +4,7 @@
 
 #include "order.h"
 
-#include "tests/system/bed.h"
+#include "tests/system/bed/bed.h"
 
 namespace failing {
 

@@ -2,8 +2,8 @@
 // nothing.
 #include "card_and_files.h"
 
-#include "tests/system/cable.h"
-#include "tests/system/service.h"
+#include "tests/system/bed/cable.h"
+#include "tests/system/bed/service.h"
 
 #include <cerrno>
 #include <csignal>

@@ -4,7 +4,7 @@
 // cards counted, no byte may be wrong, and neither memory nor descriptors may grow.
 #include "region.h"
 
-#include "tests/system/service.h"
+#include "tests/system/bed/service.h"
 
 #include <atomic>
 #include <csignal>

@@ -1,6 +1,6 @@
 // Pictures through the real programs: into a card's memory and back, pixel for pixel, and through
 // the picture port.
-#include "service.h"
+#include "tests/system/bed/service.h"
 
 #include <filesystem>
 #include <thread>
