@@ -4,8 +4,8 @@
 //
 // UNWINDER=missing: there is none to be had. RECEIVER=hangs: a cancelled receiver does not end, and
 // from the first cancel on the main thread's clock is moved by its sleeps alone, which take no
-// time. RECEIVER=prints: before it is cancelled it gets so much time that it fills the log of
-// whoever does not read it.
+// time. RECEIVER=prints: it is not cancelled before it has printed something, and had the
+// time to fill the log of whoever does not read it.
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -13,6 +13,7 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <string>
 #include <string_view>
@@ -83,6 +84,15 @@ int sleep_really(clockid_t clock, int flags, const timespec *until, timespec *re
 void sleep_milliseconds(long count) {
     const timespec time{.tv_sec = 0, .tv_nsec = count * 1'000'000};
     (void)sleep_really(CLOCK_MONOTONIC, 0, &time, nullptr);
+}
+
+// Ten seconds at most.
+void await_unread_output() {
+    pollfd output{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+    for (int i = 0; i < 1000 && poll(&output, 1, 0) == 1; i++) {
+        sleep_milliseconds(10);
+    }
+    sleep_milliseconds(200);
 }
 
 // A cancelled receiver takes its time to end, so that whoever does not wait for it is seen.
@@ -156,7 +166,7 @@ MODULE_API int backtrace(void **frames, int size) {
 
 MODULE_API int pthread_cancel(pthread_t thread) {
     if (is_set("RECEIVER", "prints")) {
-        sleep_milliseconds(200);
+        await_unread_output();
     }
     note("cancel\n");
     g_main_clock_stands = is_set("RECEIVER", "hangs");

@@ -123,7 +123,6 @@ TEST_F(Endless, ASignalEndsAWaitingCommand) {
 // The receiver stands still in the middle of a line, and with it the stream that it prints to.
 TEST_F(Endless, ACommandEndsAlsoWhenNobodyReadsItsLogAnyMore) {
     const CardEnd end;
-    const Process garbage({.argv = {"garbage"}, .in_child = [&end] { flood_without_pause(end); }});
     for (const bool is_done : {true, false}) {
         const StalledLog log;
         const std::string source = is_done ? "0x1" : "/missing";
@@ -132,6 +131,9 @@ TEST_F(Endless, ACommandEndsAlsoWhenNobodyReadsItsLogAnyMore) {
                                  preloading(CALL_LOG_LIBRARY, {"RECEIVER=prints"}))}));
         ASSERT_TRUE(log.read_up_to(is_done ? "]:: write register end\n"
                                            : " writea model slot addr filename ]\n"));
+        // Not before: the receiver would hardly let the command come to its words.
+        const Process garbage(
+            {.argv = {"garbage"}, .in_child = [&end] { flood_without_pause(end); }});
         EXPECT_EQ(tool.wait(), is_done ? 0 : 255);
     }
 }
