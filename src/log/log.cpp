@@ -157,8 +157,8 @@ void switch_file_at_day_change(int day) {
     FILE *file = current_file().exchange(nullptr, std::memory_order_acq_rel);
     if (file != nullptr) {
         store_relaxed(log_num, 1 - load_relaxed(log_num));
-        // Two switches within one slow call leave the second file open for good: better a
-        // descriptor too many than a file closed under its writer.
+        // Only one retired file is remembered. A second switch within one slow call leaves its
+        // file open for good: better that than a file closed under its writer.
         FILE *none = nullptr;
         (void)g_retired.compare_exchange_strong(none, file);
     }

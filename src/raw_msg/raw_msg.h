@@ -107,7 +107,8 @@ RUK_API int RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, 
 
 /**
  * Report a write's result to the record's requester as a 40-byte service message, which is also
- * dumped on standard output.
+ * dumped on standard output. Both reports build service messages, so they live above this layer:
+ * ap_msg/result_report.cpp.
  */
 RUK_API void WriteAckResultReport(RawMsgQueueNode *record, int result);
 
@@ -168,7 +169,9 @@ RUK_API int RawMsgRecvCheckTaskCreate(int index, pthread_t *tid);
 
 /**
  * Write a picture into one of the two DDR2 memories behind an FPGA, by plain writes in chunks of at
- * most 15360 bytes. Each line begins at a multiple of 64 bytes there.
+ * most 15360 bytes. Each line begins at a multiple of 64 bytes there. Two other roads lead to
+ * pictures in cards: LoadPicture (main/main.h) takes a file and comes here, DDR2Read
+ * (ap_msg/ap_msg.h) reads back.
  *
  *   ts_sel    'e'; any other character sends nothing
  *   fpga_sel  1: FPGA on interface 1 · 0: FPGA on interface 2 · any other sends nothing

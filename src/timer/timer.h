@@ -52,6 +52,7 @@ RUK_API int timerExpired(Timer *t);
  * Take the counted ticks, also those that updates of other interfaces took since this interface's
  * last one, and age the timers of the first nqueues queues of an interface. Several
  * expiries that fall into one update are reported as one, and the timer starts over in full.
+ * It needs to know the queues, so it lives above them: queue/age.cpp.
  *
  *   index    interface, 0..2; any other is ignored and takes no ticks
  *   nqueues  0..6; more is taken as 6

@@ -41,8 +41,9 @@ constexpr WriteForm kWithAck{.send = send_with_ack, .posts = true, .is_pipelined
 constexpr WriteForm kWithAckAndWait{
     .send = send_with_ack_and_wait, .posts = true, .is_pipelined = false};
 
-// Every frame posts when it ends. The first post alone would end the tool while later frames of a
-// file are still waiting for their acknowledgement, and a lost one would never be sent again.
+// Every frame posts when it ends. Whoever took the first post for the end of all would end the tool
+// while later frames of a file still wait for their acknowledgement; a lost frame would not be sent
+// again.
 void await_all_ends(int index) {
     do {
         wait_full(sem_test);
