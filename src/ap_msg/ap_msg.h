@@ -7,8 +7,8 @@
 // Threads: any, unless said otherwise.
 // Locks:   one around the hand-over of file requests, held while the file thread works; the
 //          transaction layer's and the pool's are taken under it.
-#ifndef AP_MSG_AP_MSG_H
-#define AP_MSG_AP_MSG_H
+#ifndef RUK_AP_MSG_AP_MSG_H
+#define RUK_AP_MSG_AP_MSG_H
 
 #include "base/export.h"
 

@@ -1,8 +1,8 @@
 // export.h - marks what host processes may link against.
 //
 // Everything is built with hidden visibility; only what carries RUK_API leaves the library.
-#ifndef BASE_EXPORT_H
-#define BASE_EXPORT_H
+#ifndef RUK_BASE_EXPORT_H
+#define RUK_BASE_EXPORT_H
 
 #define RUK_API __attribute__((visibility("default")))
 

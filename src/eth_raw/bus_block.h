@@ -16,8 +16,8 @@
 //          key 1234569. A process that dies in a transfer gives it up; so does a thread that is
 //          cancelled. Waiting for the semaphore is not a cancellation point, receiving is.
 // Locks:   none of the link's own. The sockets compete with any other reader of the same socket.
-#ifndef ETH_RAW_BUS_BLOCK_H
-#define ETH_RAW_BUS_BLOCK_H
+#ifndef RUK_ETH_RAW_BUS_BLOCK_H
+#define RUK_ETH_RAW_BUS_BLOCK_H
 
 #include "base/export.h"
 #include "eth_raw/eth_raw.h"

@@ -8,8 +8,8 @@
 // Threads: any may send, also while the link is opened or closed; one per process may call
 //          RawSockMsgRecv, whose buffer exists once.
 // Locks:   each record's send lock, a leaf, held around one transmission.
-#ifndef ETH_RAW_ETH_RAW_H
-#define ETH_RAW_ETH_RAW_H
+#ifndef RUK_ETH_RAW_ETH_RAW_H
+#define RUK_ETH_RAW_ETH_RAW_H
 
 #include "base/export.h"
 

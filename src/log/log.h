@@ -4,8 +4,8 @@
 // standard output, to one of two files under /var/log, to both or to neither, as these variables
 // say. Threads: a host sets them before its first call into the library; the facility itself reads
 // and writes them from every thread, without a lock.
-#ifndef LOG_LOG_H
-#define LOG_LOG_H
+#ifndef RUK_LOG_LOG_H
+#define RUK_LOG_LOG_H
 
 #include "base/export.h"
 

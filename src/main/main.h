@@ -1,6 +1,6 @@
 // main.h - helpers of the front end that host processes may use too.
-#ifndef MAIN_MAIN_H
-#define MAIN_MAIN_H
+#ifndef RUK_MAIN_MAIN_H
+#define RUK_MAIN_MAIN_H
 
 #include "base/export.h"
 

@@ -3,8 +3,8 @@
 // Frame buffers, service messages and records of outstanding requests come from here. A block is
 // taken from the system on first demand and goes back to it only in mem_uinit.
 // Threads: any number at once.  Locks: one leaf lock, internal.  Signal handlers: no.
-#ifndef MEM_MEM_H
-#define MEM_MEM_H
+#ifndef RUK_MEM_MEM_H
+#define RUK_MEM_MEM_H
 
 #include "base/export.h"
 

@@ -6,8 +6,8 @@
 // around time-out callbacks; no queue lock is held while a callback runs, because the callbacks
 // take it again to delete the record.
 // Indices out of range make every operation return -1 (or null) and touch nothing.
-#ifndef QUEUE_QUEUE_H
-#define QUEUE_QUEUE_H
+#ifndef RUK_QUEUE_QUEUE_H
+#define RUK_QUEUE_QUEUE_H
 
 #include "base/export.h"
 #include "timer/timer.h"

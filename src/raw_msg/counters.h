@@ -2,8 +2,8 @@
 //
 // Threads: any number at once.  Locks: the pool's, briefly.
 // Signal handlers: no; let the handler wake a thread that calls this.
-#ifndef RAW_MSG_COUNTERS_H
-#define RAW_MSG_COUNTERS_H
+#ifndef RUK_RAW_MSG_COUNTERS_H
+#define RUK_RAW_MSG_COUNTERS_H
 
 #include "base/export.h"
 

@@ -9,8 +9,8 @@
 // Threads: any number at once for the send operations.
 // Locks:   find_check_mtx of the interface around matching and around time-outs, then the queues'
 //          locks; each form's sequence lock is a leaf.
-#ifndef RAW_MSG_RAW_MSG_H
-#define RAW_MSG_RAW_MSG_H
+#ifndef RUK_RAW_MSG_RAW_MSG_H
+#define RUK_RAW_MSG_RAW_MSG_H
 
 #include "base/export.h"
 #include "queue/queue.h"

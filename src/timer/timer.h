@@ -3,8 +3,8 @@
 // SIGALRM only counts; timerUpdate takes the counted ticks and ages the timers of queued records.
 // One tick is 30 ms. The count is one for the whole process; an update that takes ticks keeps them
 // for the other interfaces that are updated too, so each interface is aged by all of them.
-#ifndef TIMER_TIMER_H
-#define TIMER_TIMER_H
+#ifndef RUK_TIMER_TIMER_H
+#define RUK_TIMER_TIMER_H
 
 #include "base/export.h"
 
