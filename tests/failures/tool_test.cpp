@@ -46,8 +46,6 @@ struct Outcome {
     }
 };
 
-// By what docs/commands.md tells a script to look for: a run that says so must have sent all that the good
-// one did. (The card of these tests carries everything out.)
 bool writea_says_that_it_worked(const Outcome &run) {
     return contains(run.said.out, "write register end") &&
            !contains(run.said.out, "not send again!") && !contains(run.said.out, "fail");
