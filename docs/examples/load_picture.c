@@ -13,7 +13,7 @@ enum { INTERFACE = 1, STATUS = 0xA0FFD, TICKS = 100 }; /* of 30 ms, waited for t
 int main(int argc, char **argv) {
     pthread_t receiver = 0;
     pthread_t checker = 0;
-    uint8_t answer[1400]; /* a reply may carry more than was asked for */
+    uint8_t answer[RUK_MAX_DATA]; /* a reply may carry more than was asked for */
     uint32_t received = 0;
     int failed = 1;
     if (argc != 4) {
@@ -31,8 +31,8 @@ int main(int argc, char **argv) {
                              (uint32_t)strtoul(argv[2], NULL, 10), argv[3], "-e", "-1B") != 0;
         /* Nothing answers the picture; an answer behind it says that the card is there and has
          * worked through what came. It is late from a card that is still storing. */
-        failed |= RawSockSendMsgWithReadWait(INTERFACE, 0, 0, STATUS, 0, 1, answer, &received,
-                                             TICKS) != 0;
+        failed |= RawSockSendMsgWithReadWait(INTERFACE, 0, 0, STATUS, RAW_MSG_CODE_READ, 1, answer,
+                                             &received, TICKS) != 0;
     }
     return failed; /* the end of the process ends the threads and closes the link */
 }

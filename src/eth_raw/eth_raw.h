@@ -23,6 +23,17 @@ extern "C" {
 
 #define MAX_ETH 3
 
+/** Bytes of data in one frame, at most; what a read buffer holds. */
+#define RUK_MAX_DATA 1400
+
+/** What a frame is; the codes of requests are given to the send operations. */
+enum {
+    RAW_MSG_CODE_READ = 0x00,      /* read request, read data in a reply */
+    RAW_MSG_CODE_WRITE = 0x01,     /* write without answer */
+    RAW_MSG_CODE_ACK = 0x10,       /* acknowledgement, in replies only */
+    RAW_MSG_CODE_WRITE_ACK = 0x11, /* write that asks for an acknowledgement, and it */
+};
+
 /** The state of one link. Zero until it is opened, then filled for the life of the process. */
 typedef struct eth_init {
     uint32_t index;            /* interface index, 0..2 */

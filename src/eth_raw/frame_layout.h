@@ -5,6 +5,7 @@
 #define ETH_RAW_FRAME_LAYOUT_H
 
 #include "base/field.h"
+#include "eth_raw/eth_raw.h"
 
 #include <array>
 #include <cstddef>
@@ -15,14 +16,9 @@ constexpr std::array<uint8_t, 6> eth_raw_tx_header{0xEB, 0x90, 0xEB, 0x90, 0xEB,
 constexpr std::array<uint8_t, 6> eth_raw_rx_header{0x44, 0x44, 0x44, 0x44, 0x44, 0x44};
 constexpr uint16_t eth_raw_transfer_IP = 0x0007; // little-endian: the wire carries 07 00
 
-constexpr uint8_t RAW_MSG_CODE_READ = 0x00;      // read request, read data in a reply
-constexpr uint8_t RAW_MSG_CODE_WRITE = 0x01;     // write without answer
-constexpr uint8_t RAW_MSG_CODE_ACK = 0x10;       // acknowledgement, in replies only
-constexpr uint8_t RAW_MSG_CODE_WRITE_ACK = 0x11; // write that asks for an acknowledgement, and it
-
-constexpr uint32_t kMaxPayload = 1400; // largest payload of one frame, bytes
-constexpr uint32_t kMinPayload = 64;   // shorter payloads are padded to this
-constexpr uint32_t kChecksumSize = 2;  // behind the payload area, in both directions
+constexpr uint32_t kMaxPayload = RUK_MAX_DATA; // largest payload of one frame, bytes
+constexpr uint32_t kMinPayload = 64;           // shorter payloads are padded to this
+constexpr uint32_t kChecksumSize = 2;          // behind the payload area, in both directions
 constexpr uint16_t kChecksumStart = 0x5555;
 
 // From the board to a card.

@@ -26,6 +26,9 @@ enum {
     READ_WAIT_QUEUE = 3, /* read, the sender waits */
 };
 
+/** The status of a request that nobody has answered. */
+#define RUK_NO_REPLY 255
+
 /**
  * One outstanding request. Comes from mem_alloc, zeroed before use; released by queue_del or
  * queue_empty. A reply belongs to it when both addr and seq are equal; they stay as they are while
@@ -36,7 +39,7 @@ typedef struct RawMsgQueueNode {
     Timer timer;        /* the request's time-out */
     uint32_t index;     /* interface, 0..2 */
     uint32_t addr;      /* FPGA address */
-    uint32_t ack;       /* status of the reply; 255 = none yet */
+    uint32_t ack;       /* status of the reply, or RUK_NO_REPLY */
     uint32_t recv_len;  /* length field of the reply, bytes */
     uint32_t send_len;  /* frame length for a resend, bytes */
     uint8_t *read_buf;  /* where read data go, 1400 bytes; null for writes */

@@ -14,7 +14,7 @@
 constexpr int kQueueInterfaces = 3;
 constexpr int kQueueKinds = 6;
 constexpr int32_t kQueueCapacity = 0x10000;
-constexpr uint32_t kNoReply = 255; // ack of a request that nobody has answered
+constexpr uint32_t kNoReply = RUK_NO_REPLY; // ack of a request that nobody has answered
 
 bool queue_is_valid(int i, int j);
 

@@ -14,6 +14,9 @@
 extern "C" {
 #endif
 
+/** Milliseconds from one tick to the next. */
+#define RUK_TICK_MS 30
+
 /** A periodic countdown. All zero is a stopped timer. */
 typedef struct Timer {
     int32_t period;    /* reload value in ticks, 0 = stopped */
