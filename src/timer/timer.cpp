@@ -11,7 +11,7 @@
 int32_t elapsed = 0;
 
 namespace {
-constexpr suseconds_t kTickMicroseconds = RUK_TICK_MS * 1000;
+constexpr suseconds_t kTickMicroseconds = suseconds_t{RUK_TICK_MS} * 1000;
 } // namespace
 
 int initTimer(void) {
