@@ -1,6 +1,6 @@
 // One block transfer at a time on the board: a System V semaphore, which outlives the processes and
 // which the kernel gives back for a process that dies.
-#include "eth_raw/bus_semaphore.h"
+#include "eth_raw/bus_block/bus_semaphore.h"
 
 #include "base/relaxed.h"
 #include "eth_raw/bus_block.h"

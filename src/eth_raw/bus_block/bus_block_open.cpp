@@ -1,7 +1,7 @@
 // Handles for block transfers, and the start and end of their use.
 #include "eth_raw/bus_block.h"
 
-#include "eth_raw/bus_semaphore.h"
+#include "eth_raw/bus_block/bus_semaphore.h"
 #include "log/write.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // Whole blocks: piece by piece, attempt after attempt, one transfer at a time on the board.
 #include "eth_raw/bus_block.h"
 
-#include "eth_raw/bus_block_layout.h"
+#include "eth_raw/bus_block/bus_block_layout.h"
 #include "log/write.h"
 
 namespace {

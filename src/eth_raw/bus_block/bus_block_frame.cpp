@@ -1,7 +1,7 @@
 // What makes a received frame a reply of the bus block protocol.
 #include "eth_raw/bus_block.h"
 
-#include "eth_raw/bus_block_layout.h"
+#include "eth_raw/bus_block/bus_block_layout.h"
 
 #include <cstring>
 

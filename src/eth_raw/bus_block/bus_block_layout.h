@@ -2,8 +2,8 @@
 //
 // They have no source address: where an Ethernet header carries it stand the frame's length and its
 // type. Requests and replies share one layout; only the destination and the types differ.
-#ifndef ETH_RAW_BUS_BLOCK_LAYOUT_H
-#define ETH_RAW_BUS_BLOCK_LAYOUT_H
+#ifndef ETH_RAW_BUS_BLOCK_BUS_BLOCK_LAYOUT_H
+#define ETH_RAW_BUS_BLOCK_BUS_BLOCK_LAYOUT_H
 
 #include "base/field.h"
 #include "eth_raw/frame_layout.h"

@@ -1,7 +1,7 @@
 // One frame of the bus block protocol at a time: sending and receiving.
 #include "eth_raw/bus_block.h"
 
-#include "eth_raw/bus_block_layout.h"
+#include "eth_raw/bus_block/bus_block_layout.h"
 #include "log/write.h"
 
 #include <sys/socket.h>
