@@ -8,6 +8,8 @@
 // when nothing was, 1 otherwise, 2 for a wrong command line or outside the test bed.
 #include "region.h"
 
+#include "tests/system/bed/all_processors.h"
+
 #include "eth_raw/eth_raw.h"
 #include "eth_raw/frame_layout.h"
 #include "mem/mem.h"
@@ -28,7 +30,6 @@
 #include <mutex>
 #include <net/if.h>
 #include <netpacket/packet.h>
-#include <sched.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -363,16 +364,6 @@ private:
 
 // --- the process --------------------------------------------------------------------------------
 
-// The layer pins the process to one processor.
-void use_all_processors() {
-    cpu_set_t all;
-    CPU_ZERO(&all);
-    for (size_t i = 0; i < CPU_SETSIZE; i++) {
-        CPU_SET(i, &all);
-    }
-    (void)sched_setaffinity(0, sizeof all, &all);
-}
-
 struct Link {
     pthread_t receive = {};
     pthread_t check = {};
@@ -393,7 +384,7 @@ bool bring_up(std::array<Link, kLinks> &links) {
         }
     }
     std::this_thread::sleep_for(100ms);
-    use_all_processors();
+    bed::use_all_processors();
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include "tests/system/storm/host.h"
 
+#include "tests/system/bed/all_processors.h"
 #include "tests/system/bed/bed.h"
 
 #include "eth_raw/eth_raw.h"
@@ -10,7 +11,6 @@
 #include "timer/timer.h"
 
 #include <netpacket/packet.h>
-#include <sched.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <thread>
@@ -25,16 +25,6 @@ struct PacketStatistics {
     unsigned packets = 0;
     unsigned drops = 0;
 };
-
-// The layer pins the process to one processor; the tests' senders and cards want all of them.
-void use_all_processors() {
-    cpu_set_t all;
-    CPU_ZERO(&all);
-    for (size_t i = 0; i < CPU_SETSIZE; i++) {
-        CPU_SET(i, &all);
-    }
-    (void)sched_setaffinity(0, sizeof all, &all);
-}
 
 void end_thread(pthread_t thread) {
     (void)pthread_cancel(thread);

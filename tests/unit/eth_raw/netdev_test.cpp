@@ -70,6 +70,16 @@ protected:
         EXPECT_TRUE(link_is_up(index));
     }
 
+    // Link 1 takes a reply, and its socket is closed with it.
+    static void expect_receives_and_is_closed() {
+        wire_deliver(make_reply(0, 1, 2, 3, 0, 4, {5}));
+        RawMsgHeader header{};
+        uint8_t *payload = nullptr;
+        EXPECT_EQ(raw_sock_recv(1, gRecvBuffer, header, payload), Received::kReply);
+        EXPECT_EQ(RawSockMsgUnInit(1), -1);
+        EXPECT_EQ(netdev_sockets(), std::vector<int>{});
+    }
+
     // Sends fail at once, with an errno that lets nothing go out twice, and nothing goes out.
     static void expect_down(int index = 1) {
         const size_t before = wire_sent().size();
@@ -280,12 +290,7 @@ TEST_F(Netdev, ASocketWithTheNumberZeroIsOneLikeAnyOther) {
     EXPECT_EQ(RawSockMsgInit(1), 0);
     expect_up();
     EXPECT_EQ(wire_descriptors().back(), 0);
-    wire_deliver(make_reply(0, 1, 2, 3, 0, 4, {5}));
-    RawMsgHeader header{};
-    uint8_t *payload = nullptr;
-    EXPECT_EQ(raw_sock_recv(1, gRecvBuffer, header, payload), Received::kReply);
-    EXPECT_EQ(RawSockMsgUnInit(1), -1);
-    EXPECT_EQ(netdev_sockets(), std::vector<int>{});
+    expect_receives_and_is_closed();
 }
 
 // Its descriptor may be somebody else's by then.
@@ -349,12 +354,7 @@ TEST_F(Netdev, ALinkWhoseSendingIsBarredStillReceivesAndIsClosed) {
     EXPECT_EQ(RawSockMsgInit(1), 0);
     link_bar_sending(1);
     expect_down();
-    wire_deliver(make_reply(0, 1, 2, 3, 0, 4, {5}));
-    RawMsgHeader header{};
-    uint8_t *payload = nullptr;
-    EXPECT_EQ(raw_sock_recv(1, gRecvBuffer, header, payload), Received::kReply);
-    EXPECT_EQ(RawSockMsgUnInit(1), -1);
-    EXPECT_EQ(netdev_sockets(), std::vector<int>{});
+    expect_receives_and_is_closed();
     link_bar_sending(1); // does not open it again
     (void)netdev_calls();
     EXPECT_EQ(RawSockMsgUnInit(1), -1);
